@@ -1,0 +1,3 @@
+#include "globalstate.h"
+
+IGlobalState* globalState = nullptr;

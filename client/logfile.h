@@ -1,0 +1,65 @@
+#pragma once
+
+#include <QDebug>
+#include <QString>
+#include <ostream>
+#include <string>
+
+// The run's log file; null until openLogFile has run, never closed afterwards.
+extern std::ostream* logStream;
+
+// Opens "<prefix>_YYYY_MM_DD_hh_mm_ss.txt" in the machine-wide logs folder. Never fails
+// visibly: a file that cannot be had leaves the debug channel as the only output.
+void openLogFile(std::string prefix);
+
+// Toolkit strings reach the narrow log file as UTF-8.
+inline std::ostream& operator<<(std::ostream& out, const QString& text) {
+    return out << text.toUtf8().constData();
+}
+
+namespace logfile {
+
+// The file-name part behind the folder, from one reading of the local time.
+std::string fileName(const std::string& prefix, int year, int month, int day, int hour, int minute,
+                     int second);
+
+long long steadyMilliseconds();
+
+// Serialises whole lines, so lines of the UI and the streaming threads never interleave.
+void lockLine();
+void unlockLine();
+
+template <typename Item> const Item& debugItem(const Item& item) {
+    return item;
+}
+inline const char* debugItem(const std::string& item) {
+    return item.c_str();
+}
+
+// One log line: time stamp, two blanks, the items run together, two blanks, the source path,
+// two blanks, the line number.
+template <typename... Items>
+void writeLine(std::ostream& out, long long milliseconds, const char* file, int line,
+               const Items&... items) {
+    out << milliseconds << "  ";
+    (out << ... << items);
+    out << "  " << file << "  " << line << '\n';
+    out.flush();
+}
+
+template <typename... Items> void write(const char* file, int line, const Items&... items) {
+    if (logStream) {
+        lockLine();
+        writeLine(*logStream, steadyMilliseconds(), file, line, items...);
+        unlockLine();
+    }
+    QDebug debug = QMessageLogger().debug();
+    ((debug << debugItem(items)), ...);
+    debug << file << line;
+}
+
+} // namespace logfile
+
+// The one logging statement: the items go to the run's log file and the debug channel, with
+// the statement's source file and line.
+#define logLine(...) ::logfile::write(__FILE__, __LINE__, __VA_ARGS__)
