@@ -53,7 +53,7 @@ template <typename... Items> void write(const char* file, int line, const Items&
         writeLine(*logStream, steadyMilliseconds(), file, line, items...);
         unlockLine();
     }
-    QDebug debug = QMessageLogger().debug();
+    QDebug debug = QMessageLogger().debug().noquote();
     ((debug << debugItem(items)), ...);
     debug << file << line;
 }

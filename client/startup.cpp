@@ -2,6 +2,7 @@
 
 #include "crashreporting.h"
 #include "logfile.h"
+#include "mainwindow.h"
 
 #include <QApplication>
 #include <QDebug>
@@ -31,5 +32,6 @@ int runClient(int argc, char** argv) {
     openLogFile("brindle_client");
     application.setStyleSheet(applicationStyleSheet);
     logMediaLibrary(avformat_version(), avformat_configuration());
+    MainWindow window;
     return application.exec();
 }

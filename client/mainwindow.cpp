@@ -1,0 +1,80 @@
+#include "mainwindow.h"
+
+#include "logfile.h"
+#include "platform/settingslocation.h"
+
+#include <QCoreApplication>
+#include <QMenuBar>
+#include <QSettings>
+#include <QStatusBar>
+#include <QUuid>
+
+MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), ui(std::make_unique<Form>()) {
+    setupUi();
+    loadGlobalState();
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::setupUi() {
+    if (objectName().isEmpty())
+        setObjectName(QStringLiteral("MainWindow"));
+    resize(310, 180);
+    ui->centralwidget = new QWidget(this);
+    ui->centralwidget->setObjectName(QStringLiteral("centralwidget"));
+    setCentralWidget(ui->centralwidget);
+    ui->menubar = new QMenuBar(this);
+    ui->menubar->setObjectName(QStringLiteral("menubar"));
+    ui->menubar->setGeometry(QRect(0, 0, 310, 22));
+    setMenuBar(ui->menubar);
+    ui->statusbar = new QStatusBar(this);
+    ui->statusbar->setObjectName(QStringLiteral("statusbar"));
+    setStatusBar(ui->statusbar);
+    setWindowTitle(QCoreApplication::translate("MainWindow", "MainWindow"));
+    QMetaObject::connectSlotsByName(this);
+}
+
+void MainWindow::loadGlobalState() {
+    globalState = this;
+
+    configReader.read("config.ini");
+    streamConfig.fps = configReader.value("fps", "25").toInt(nullptr, 10);
+    streamConfig.bitrate = configReader.value("bitrate", "1000000").toInt(nullptr, 10);
+    streamConfig.codec = configReader.value("codec", "libopenh264");
+    streamConfig.framesize =
+        configReader.value("framesize", std::to_string(1920) + "x" + std::to_string(1080));
+
+    const char* path = platform::settingsPath();
+    settingsStore =
+        path ? new QSettings(QString::fromUtf8(path), QSettings::NativeFormat)
+             : new QSettings(QSettings::NativeFormat, QSettings::UserScope,
+                             QStringLiteral("Myrtlebrook"), QStringLiteral("Brindlewave"));
+    logLine("SETTINGS:", settingsStore->fileName());
+
+    room = globalState->settings()->value("ROOM_GUID", QString()).toString();
+    if (room.isEmpty()) {
+        // The default text form is braced: the stored identifier is the 36 characters inside.
+        const QString braced = QUuid::createUuid().toString();
+        room = braced.mid(1, braced.size() - 2);
+        globalState->settings()->setValue("ROOM_GUID", room);
+    }
+}
+
+QSettings* MainWindow::settings() {
+    return settingsStore;
+}
+
+void MainWindow::changeStatus(QString text, int kind) {
+    Q_UNUSED(text);
+    Q_UNUSED(kind);
+}
+
+StreamConfig* MainWindow::config() {
+    return &streamConfig;
+}
+
+int MainWindow::testAndSetOnce() {
+    return onceFlag.exchange(1);
+}
+
+void MainWindow::clickLive() {}

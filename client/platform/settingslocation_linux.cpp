@@ -1,0 +1,9 @@
+#include "settingslocation.h"
+
+namespace platform {
+
+const char* settingsPath() {
+    return nullptr;
+}
+
+} // namespace platform

@@ -1,0 +1,9 @@
+#include "settingslocation.h"
+
+namespace platform {
+
+const char* settingsPath() {
+    return "HKEY_CURRENT_USER\\SOFTWARE\\Myrtlebrook\\Brindlewave";
+}
+
+} // namespace platform
