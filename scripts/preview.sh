@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# A local SRT receiver that plays the incoming stream in a window. It listens again after each
+# stream ends, so that every START is shown.
+set -u
+port=${1:-9000}
+while true; do
+    ffplay -hide_banner -loglevel error -fflags nobuffer -flags low_delay -framedrop \
+        -autoexit -window_title "Brindlewave preview - srt://127.0.0.1:$port" \
+        "srt://127.0.0.1:$port?mode=listener" || sleep 1
+done
