@@ -68,10 +68,10 @@ bool installCrashHandler(const char* name, const char* version, const std::strin
         std::wprintf(L"%s\n", L"CrashRpt1403.dll is not installed");
         return false;
     }
-    const auto install =
-        reinterpret_cast<InstallFunction>(GetProcAddress(library, MAKEINTRESOURCEA(7)));
-    const auto lastError =
-        reinterpret_cast<LastErrorFunction>(GetProcAddress(library, MAKEINTRESOURCEA(23)));
+    const auto install = reinterpret_cast<InstallFunction>(
+        reinterpret_cast<void*>(GetProcAddress(library, MAKEINTRESOURCEA(7))));
+    const auto lastError = reinterpret_cast<LastErrorFunction>(
+        reinterpret_cast<void*>(GetProcAddress(library, MAKEINTRESOURCEA(23))));
     if (!install || install(&info) != 0) {
         wchar_t message[256] = {};
         if (lastError)

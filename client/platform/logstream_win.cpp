@@ -6,7 +6,8 @@
 namespace platform {
 
 std::ostream* openLogStream(const std::string& path) {
-    // Other processes may read the log while the program runs.
+    // Other processes may read the log while the program runs (the share-mode argument is
+    // the Microsoft library's).
     return new std::ofstream(path, std::ios::out | std::ios::trunc, _SH_DENYNO);
 }
 
