@@ -2,6 +2,7 @@
 
 #include "logfile.h"
 #include "platform/settingslocation.h"
+#include "updatechecker.h"
 
 #include <QCoreApplication>
 #include <QMenuBar>
@@ -12,6 +13,8 @@
 MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), ui(std::make_unique<Form>()) {
     setupUi();
     loadGlobalState();
+    updateChecker = new UpdateChecker(this);
+    updateChecker->start();
 }
 
 MainWindow::~MainWindow() = default;

@@ -11,6 +11,7 @@
 class QMenuBar;
 class QSettings;
 class QStatusBar;
+class UpdateChecker;
 
 // The never-shown window that creates and wires the whole program and serves the global
 // state to every other part.
@@ -40,6 +41,7 @@ private:
     void loadGlobalState();
 
     std::unique_ptr<Form> ui;
+    UpdateChecker* updateChecker = nullptr; // a child object: goes with the window
     ConfigReader configReader;
     QSettings* settingsStore = nullptr; // lives until the process ends
     QString room;

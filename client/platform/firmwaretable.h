@@ -18,13 +18,11 @@ uint32_t rawSmbiosTable(void* buffer, uint32_t size);
 // and hyphens, or empty when there is no usable source.
 std::string fallbackMachineId();
 
-#ifndef _WIN32
-// Builds the 'RSMB' layout from what Linux publishes under /sys/firmware/dmi/tables: the
-// SMBIOS entry point ("smbios_entry_point"), which carries the version, and the structure
-// table ("DMI"). Empty when the entry point is neither an SMBIOS 2 nor an SMBIOS 3 one, or
-// the structure table is too large for the layout's length field.
+// Linux only: builds the 'RSMB' layout from what Linux publishes under /sys/firmware/dmi/tables:
+// the SMBIOS entry point ("smbios_entry_point"), which carries the version, and the structure table
+// ("DMI"). Empty when the entry point is neither an SMBIOS 2 nor an SMBIOS 3 one, or the structure
+// table is too large for the layout's length field.
 std::vector<uint8_t> rsmbFromDmiTables(const std::string& entryPoint,
                                        const std::string& structures);
-#endif
 
 } // namespace platform
