@@ -67,6 +67,9 @@ private slots:
 void DrawingFormTest::cleanup() {
     // The grip goes with deleteLater; let it go before the next case.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    // A line edit's clear button fades in and out with a 160 ms animation of its own that
+    // frees itself only once it has run, even when the line edit is already gone.
+    QTest::qWait(250);
 }
 
 void DrawingFormTest::startsInFormModeWithTheGripAtItsCorner() {
