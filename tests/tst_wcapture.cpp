@@ -43,7 +43,10 @@ private slots:
     void draggingTheColumnCarriesTheFrame();
     void pinnedColumnStaysAndLocksTheGrip();
     void resizingThroughTheGripReplacesTheColumn();
+    void streamingGrabSeesWhatLiesUnderTheFrame();
+    void markerStaysAboveTheFrameAcrossModes();
     void exitHidesEverythingBeforeFullClose();
+    void closingTheColumnClosesFrameAndGrip();
 };
 
 void WCaptureTest::cleanup() {
@@ -93,7 +96,7 @@ void WCaptureTest::firstPlacementFollowsTheScreenSize() {
     const QPoint firstColumn(screen.width() - 1280, screen.height() - 720);
     QCOMPARE(frame->pos(), firstColumn + QPoint(-610, 190 - 520));
     QCOMPARE(column.pos(), columnPlaceFor(column));
-    QCOMPARE(column.captureRect, frame->geometry().adjusted(5, 5, -5, -5));
+    QCOMPARE(column.captureRect.load(), frame->geometry().adjusted(5, 5, -5, -5));
 
     // The grip reaches its corner once the event loop has run.
     QTRY_VERIFY(frame->resizeGrip()->isVisible());
@@ -103,7 +106,7 @@ void WCaptureTest::firstPlacementFollowsTheScreenSize() {
 void WCaptureTest::frameOnAnotherScreenIsNotTakenOver() {
     WCapture column;
     DrawingForm* frame = column.drawingForm();
-    const QRect accepted = column.captureRect;
+    const QRect accepted = column.captureRect.load();
     const QPoint columnAt = column.pos();
 
     // With one screen every left edge is on screen 0; a column told to grab another screen
@@ -111,12 +114,12 @@ void WCaptureTest::frameOnAnotherScreenIsNotTakenOver() {
     column.screenIndex = 1;
     frame->setGeometry(200, 150, 700, 500);
     emit frame->newSize();
-    QCOMPARE(column.captureRect, accepted);
+    QCOMPARE(column.captureRect.load(), accepted);
     QCOMPARE(column.pos(), columnAt);
 
     column.screenIndex = 0;
     emit frame->newSize();
-    QCOMPARE(column.captureRect, QRect(205, 155, 690, 490));
+    QCOMPARE(column.captureRect.load(), QRect(205, 155, 690, 490));
     QCOMPARE(column.pos(), columnPlaceFor(column));
 }
 
@@ -252,7 +255,7 @@ void WCaptureTest::draggingTheColumnCarriesTheFrame() {
               Qt::NoButton);
     QVERIFY(!column.dragging);
     QCOMPARE(frame->pos() - column.pos(), frameOffset);
-    QCOMPARE(column.captureRect, frame->geometry().adjusted(5, 5, -5, -5));
+    QCOMPARE(column.captureRect.load(), frame->geometry().adjusted(5, 5, -5, -5));
     QVERIFY(frame->resizeGrip()->isVisible());
     QCOMPARE(frame->resizeGrip()->pos(), frame->geometry().bottomRight() + QPoint(1, 1));
 }
@@ -265,7 +268,7 @@ void WCaptureTest::pinnedColumnStaysAndLocksTheGrip() {
     QVERIFY(frame->resizeGrip()->isLocked());
 
     const QPoint start = column.pos();
-    const QRect captured = column.captureRect;
+    const QRect captured = column.captureRect.load();
     const QPoint grab(25, column.height() - 20);
     QVERIFY(placeCursor(column.mapToGlobal(grab)));
     sendMouse(&column, QEvent::MouseButtonPress, grab, Qt::LeftButton, Qt::LeftButton);
@@ -273,7 +276,7 @@ void WCaptureTest::pinnedColumnStaysAndLocksTheGrip() {
     sendMouse(&column, QEvent::MouseButtonRelease, grab + QPoint(-100, -100), Qt::LeftButton,
               Qt::NoButton);
     QCOMPARE(column.pos(), start);
-    QCOMPARE(column.captureRect, captured);
+    QCOMPARE(column.captureRect.load(), captured);
     QVERIFY(!column.dragging);
 
     // The press hid the grip; it comes back only with the frame's next show.
@@ -303,8 +306,67 @@ void WCaptureTest::resizingThroughTheGripReplacesTheColumn() {
 
     QVERIFY(column.isVisible());
     QCOMPARE(column.pos(), columnPlaceFor(column));
-    QCOMPARE(column.captureRect, QRect(frameAt + QPoint(5, 5), QSize(970, 510)));
+    QCOMPARE(column.captureRect.load(), QRect(frameAt + QPoint(5, 5), QSize(970, 510)));
     QCOMPARE(frame->pos(), frameAt);
+}
+
+void WCaptureTest::streamingGrabSeesWhatLiesUnderTheFrame() {
+    const QColor colour(200, 40, 160);
+    QWidget below;
+    below.setGeometry(QGuiApplication::primaryScreen()->geometry());
+    QPalette palette;
+    palette.setColor(QPalette::Window, colour);
+    below.setPalette(palette);
+    below.setAutoFillBackground(true);
+    below.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&below));
+
+    WCapture column;
+    DrawingForm* frame = column.drawingForm();
+    QVERIFY(QTest::qWaitForWindowExposed(frame));
+    frame->setFormMode(0);
+
+    // What the screen grab of the streamer takes: the whole screen at captureRect.
+    const auto grabbedShare = [&] {
+        const QRect area = column.captureRect.load();
+        const QImage image = QGuiApplication::screens()
+                                 .at(column.screenIndex)
+                                 ->grabWindow(0, area.x(), area.y(), area.width(), area.height())
+                                 .toImage()
+                                 .convertToFormat(QImage::Format_RGB32);
+        if (image.size() != area.size())
+            return 0.0;
+        qint64 same = 0;
+        for (int y = 0; y < image.height(); ++y) {
+            const auto* line = reinterpret_cast<const QRgb*>(image.constScanLine(y));
+            for (int x = 0; x < image.width(); ++x)
+                same += (line[x] & 0xFFFFFF) == (colour.rgb() & 0xFFFFFF);
+        }
+        return double(same) / (double(image.width()) * image.height());
+    };
+    QTRY_COMPARE(grabbedShare(), 1.0);
+
+    // The marker is a window above the frame, so viewers see it in the grab.
+    QTest::mouseClick(column.findChild<QPushButton*>("cmdCursor"), Qt::LeftButton);
+    QVERIFY(QTest::qWaitForWindowExposed(column.marker()));
+    QTRY_VERIFY(grabbedShare() < 1.0);
+}
+
+void WCaptureTest::markerStaysAboveTheFrameAcrossModes() {
+    WCapture column;
+    DrawingForm* frame = column.drawingForm();
+    TransparentLabel* marker = column.marker();
+    QVERIFY(QTest::qWaitForWindowExposed(frame));
+    QTest::mouseClick(column.findChild<QPushButton*>("cmdCursor"), Qt::LeftButton);
+    QVERIFY(QTest::qWaitForWindowExposed(marker));
+    const QPoint onMarker = marker->geometry().center();
+    QTRY_COMPARE(QGuiApplication::topLevelAt(onMarker), marker->windowHandle());
+
+    // Each switch maps the frame again; the marker must not end up beneath it.
+    frame->setFormMode(0);
+    QTRY_COMPARE(QGuiApplication::topLevelAt(onMarker), marker->windowHandle());
+    frame->setFormMode(2);
+    QTRY_COMPARE(QGuiApplication::topLevelAt(onMarker), marker->windowHandle());
 }
 
 void WCaptureTest::exitHidesEverythingBeforeFullClose() {
@@ -323,6 +385,17 @@ void WCaptureTest::exitHidesEverythingBeforeFullClose() {
     QTest::mouseClick(frame->findChild<QPushButton*>("pbExit"), Qt::LeftButton);
     QCOMPARE(closes, 1);
     QVERIFY(allHidden);
+}
+
+void WCaptureTest::closingTheColumnClosesFrameAndGrip() {
+    WCapture column;
+    DrawingForm* frame = column.drawingForm();
+    QTRY_VERIFY(frame->resizeGrip()->isVisible());
+    QSignalSpy fullClose(&column, &WCapture::fullClose);
+    column.close();
+    QVERIFY(!frame->isVisible());
+    QVERIFY(!frame->resizeGrip()->isVisible());
+    QCOMPARE(fullClose.count(), 0);
 }
 
 QTEST_MAIN(WCaptureTest)

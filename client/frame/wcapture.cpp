@@ -125,7 +125,7 @@ WCapture::WCapture() : IWCapture(nullptr), ui(std::make_unique<Ui>()) {
     logLine("screen:", screen.x(), " ", screen.y(), " ", screen.width(), "x", screen.height());
     logLine("move: ", x(), " ", y());
 
-    captureRect = frame->geometry().adjusted(5, 5, -5, -5);
+    captureRect.store(frame->geometry().adjusted(5, 5, -5, -5));
     glueActive = true;
     update();
     show();
@@ -233,7 +233,7 @@ void WCapture::calcNewPosition() {
         r.setX(r.x() - screen.left);
         r.setWidth(r.width() - screen.left);
     }
-    captureRect = r;
+    captureRect.store(r);
     glue->setOffset(QPoint(-frame->width(), height() - frame->height()));
 
     glueActive = false;

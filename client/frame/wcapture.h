@@ -7,6 +7,7 @@
 #include <QRect>
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 class DrawingForm;
 class QHBoxLayout;
@@ -16,6 +17,23 @@ class QPushButton;
 class QVBoxLayout;
 class TransparentLabel;
 class WidgetGlue;
+
+// A rectangle that one thread writes and another reads, never seen half-written.
+class SharedRect {
+public:
+    QRect load() const {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return rect;
+    }
+    void store(QRect value) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        rect = value;
+    }
+
+private:
+    mutable std::mutex mutex;
+    QRect rect;
+};
 
 // The tool column beside the frame: live switch, pointer marker, pin and drag handle. It
 // leads the frame and keeps the capture rectangle the screen grab reads.
@@ -44,8 +62,9 @@ public:
 
     // The screen that is grabbed; nothing changes it.
     int screenIndex = 0;
-    // The frame's rectangle less its border, in desktop coordinates.
-    QRect captureRect;
+    // The frame's rectangle less its border, in desktop coordinates; set here on the interface
+    // thread, read by the screen grab on the streaming thread.
+    SharedRect captureRect;
     // Set while the column is dragged: the grab on the streaming thread skips such ticks.
     std::atomic<bool> dragging{false};
 
