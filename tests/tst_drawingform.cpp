@@ -2,13 +2,13 @@
 #include "frame/iwcapture.h"
 #include "frame/resizewidget.h"
 #include "support/mouseinput.h"
+#include "support/screencolour.h"
 #include "support/settingsglobalstate.h"
 
 #include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QScreen>
 #include <QWindow>
 #include <QtTest>
 
@@ -26,23 +26,6 @@ QStringList debugLines;
 void keepDebugLine(QtMsgType type, const QMessageLogContext&, const QString& text) {
     if (type == QtDebugMsg)
         debugLines.append(text);
-}
-
-// Share of the pixels of a screen area that have exactly the given colour.
-double shareOfColour(QRect area, QColor colour) {
-    const QImage image = QGuiApplication::primaryScreen()
-                             ->grabWindow(0, area.x(), area.y(), area.width(), area.height())
-                             .toImage()
-                             .convertToFormat(QImage::Format_RGB32);
-    if (image.size() != area.size())
-        return 0;
-    qint64 same = 0;
-    for (int y = 0; y < image.height(); ++y) {
-        const auto* line = reinterpret_cast<const QRgb*>(image.constScanLine(y));
-        for (int x = 0; x < image.width(); ++x)
-            same += (line[x] & 0xFFFFFF) == (colour.rgb() & 0xFFFFFF);
-    }
-    return double(same) / (double(image.width()) * image.height());
 }
 
 } // namespace
@@ -158,20 +141,20 @@ void DrawingFormTest::picturesUnderTheFrameReachTheGrab() {
     const QRect captureRect = frame.geometry().adjusted(5, 5, -5, -5);
 
     // Without a compositing manager the translucent frame covers what lies below it...
-    QTRY_VERIFY(shareOfColour(captureRect, colour) < 0.5);
+    QTRY_VERIFY(shareOfScreenColour(captureRect, colour) < 0.5);
 
     // ...until streaming leaves only the border on screen.
     frame.setFormMode(0);
-    QTRY_COMPARE(shareOfColour(captureRect, colour), 1.0);
+    QTRY_COMPARE(shareOfScreenColour(captureRect, colour), 1.0);
     const QRect border(frame.x(), frame.y(), frame.width(), 3);
-    QVERIFY(shareOfColour(border, colour) < 0.01);
+    QVERIFY(shareOfScreenColour(border, colour) < 0.01);
 
     // A frame resized while streaming keeps its inside clear.
     frame.resize(600, 400);
-    QTRY_COMPARE(shareOfColour(frame.geometry().adjusted(5, 5, -5, -5), colour), 1.0);
+    QTRY_COMPARE(shareOfScreenColour(frame.geometry().adjusted(5, 5, -5, -5), colour), 1.0);
 
     frame.setFormMode(1);
-    QTRY_VERIFY(shareOfColour(frame.geometry().adjusted(5, 5, -5, -5), colour) < 0.5);
+    QTRY_VERIFY(shareOfScreenColour(frame.geometry().adjusted(5, 5, -5, -5), colour) < 0.5);
 }
 
 void DrawingFormTest::showStartFormRestoresTheStartButton() {

@@ -3,6 +3,7 @@
 #include "frame/transparentlabel.h"
 #include "frame/wcapture.h"
 #include "support/mouseinput.h"
+#include "support/screencolour.h"
 
 #include <QGuiApplication>
 #include <QLabel>
@@ -326,23 +327,9 @@ void WCaptureTest::streamingGrabSeesWhatLiesUnderTheFrame() {
     QVERIFY(QTest::qWaitForWindowExposed(frame));
     frame->setFormMode(0);
 
-    // What the screen grab of the streamer takes: the whole screen at captureRect.
+    // What the streamer's screen grab takes: the screen at captureRect.
     const auto grabbedShare = [&] {
-        const QRect area = column.captureRect.load();
-        const QImage image = QGuiApplication::screens()
-                                 .at(column.screenIndex)
-                                 ->grabWindow(0, area.x(), area.y(), area.width(), area.height())
-                                 .toImage()
-                                 .convertToFormat(QImage::Format_RGB32);
-        if (image.size() != area.size())
-            return 0.0;
-        qint64 same = 0;
-        for (int y = 0; y < image.height(); ++y) {
-            const auto* line = reinterpret_cast<const QRgb*>(image.constScanLine(y));
-            for (int x = 0; x < image.width(); ++x)
-                same += (line[x] & 0xFFFFFF) == (colour.rgb() & 0xFFFFFF);
-        }
-        return double(same) / (double(image.width()) * image.height());
+        return shareOfScreenColour(column.captureRect.load(), colour);
     };
     QTRY_COMPARE(grabbedShare(), 1.0);
 
