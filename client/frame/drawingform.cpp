@@ -90,7 +90,7 @@ void DrawingForm::setFormMode(int on) {
 void DrawingForm::applyStreamingMask() {
     const QRect outer = rect();
     setMask(QRegion(outer).subtracted(
-        QRegion(outer.adjusted(borderInset, borderInset, -borderInset, -borderInset))));
+        QRegion(outer.adjusted(visibleBorder, visibleBorder, -visibleBorder, -visibleBorder))));
 }
 
 void DrawingForm::showStartForm() {

@@ -21,8 +21,9 @@ class DrawingForm : public QWidget {
     Q_OBJECT
 
 public:
-    // The width of the edge kept in streaming mode: the capture rectangle starts just inside.
-    static constexpr int borderInset = 5;
+    // The part of the 6-pixel pen that falls inside the window: all that is left on screen in
+    // streaming mode, well outside the capture rectangle 5 pixels in.
+    static constexpr int visibleBorder = 3;
 
     explicit DrawingForm(IWCapture* capture);
     ~DrawingForm() override;
