@@ -11,17 +11,6 @@ SettingsGlobalState::~SettingsGlobalState() {
         globalState = nullptr;
 }
 
-void SettingsGlobalState::changeStatus(QString text, int kind) {
-    lastStatus = text;
-    lastKind = kind;
-}
-
-int SettingsGlobalState::testAndSetOnce() {
-    const int previous = onceFlag;
-    onceFlag = 1;
-    return previous;
-}
-
 std::unique_ptr<QSettings> SettingsGlobalState::reopen() const {
     store->sync();
     return std::make_unique<QSettings>(fileName, QSettings::IniFormat);
