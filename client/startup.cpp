@@ -20,6 +20,10 @@ const char* const applicationStyleSheet =
 
 } // namespace
 
+const char* applicationStyleSheetText() {
+    return applicationStyleSheet;
+}
+
 void logMediaLibrary(unsigned version, const char* configuration) {
     QMessageLogger().debug() << " LIBAV VERSION: " << (version >> 16) << "."
                              << ((version >> 8) & 0xFF);

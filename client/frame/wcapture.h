@@ -1,0 +1,114 @@
+#pragma once
+
+#include "iwcapture.h"
+
+#include <QList>
+#include <QPoint>
+#include <QRect>
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+class DrawingForm;
+class QHBoxLayout;
+class QImage;
+class QLabel;
+class QPushButton;
+class QVBoxLayout;
+class TransparentLabel;
+class WidgetGlue;
+
+// A rectangle that one thread writes and another reads, never seen half-written.
+class SharedRect {
+public:
+    QRect load() const {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return rect;
+    }
+    void store(QRect value) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        rect = value;
+    }
+
+private:
+    mutable std::mutex mutex;
+    QRect rect;
+};
+
+// The tool column beside the frame: live switch, pointer marker, pin and drag handle. It
+// leads the frame and keeps the capture rectangle the screen grab reads.
+class WCapture : public IWCapture {
+    Q_OBJECT
+
+public:
+    // The screen a left edge lies on: its position in the list of screens sorted by their
+    // left edges, and that screen's left edge.
+    struct ScreenEdge {
+        int index = 0;
+        int left = 0;
+    };
+    static ScreenEdge screenOfLeftEdge(int x, QList<int> screenLefts);
+
+    WCapture();
+    ~WCapture() override;
+
+    // Shows the streamer's view of the live state without emitting the button's signals.
+    void setLive(bool live);
+    void hideToolbar() override;
+
+    DrawingForm* drawingForm() const { return frame; }
+    TransparentLabel* marker() const { return pointerMarker; }
+    QPushButton* liveButton() const;
+
+    // The screen that is grabbed; nothing changes it.
+    int screenIndex = 0;
+    // The frame's rectangle less its border, in desktop coordinates; set here on the interface
+    // thread, read by the screen grab on the streaming thread.
+    SharedRect captureRect;
+    // Set while the column is dragged: the grab on the streaming thread skips such ticks.
+    std::atomic<bool> dragging{false};
+
+signals:
+    void onNewPosition(QRect rect);
+    void fullClose();
+    void switchLive(bool live);
+    void count_viewers();
+
+private slots:
+    void on_cmdLock_toggled(bool checked);
+    void on_cmdCursor_clicked(bool checked);
+    void on_cmdLive_clicked(bool checked);
+    void calcNewPosition();
+
+protected:
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+    void moveEvent(QMoveEvent* event) override;
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    struct Ui {
+        QVBoxLayout* verticalLayout_2 = nullptr;
+        QPushButton* cmdLive = nullptr;
+        QPushButton* cmdCursor = nullptr;
+        QPushButton* cmdLock = nullptr;
+        QHBoxLayout* horizontalLayout = nullptr;
+        QLabel* lblMove = nullptr;
+    };
+    void setupUi();
+    ScreenEdge screenOfLeftEdge(int x) const;
+    void shutDown();
+
+    std::unique_ptr<Ui> ui;
+    QPoint dragStart;
+    WidgetGlue* glue = nullptr;
+    DrawingForm* frame = nullptr;
+    bool movable = true;
+    bool glueActive = true;
+    // The last picture the screen grab made; owned here, replaced by the grab.
+    QImage* lastImage = nullptr;
+    TransparentLabel* pointerMarker = nullptr;
+};
