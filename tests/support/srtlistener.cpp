@@ -1,0 +1,128 @@
+#include "srtlistener.h"
+
+#include <arpa/inet.h>
+#include <map>
+#include <netinet/in.h>
+
+SrtListener::SrtListener() {
+    srt_startup();
+}
+
+SrtListener::~SrtListener() {
+    stop();
+    srt_cleanup();
+}
+
+bool SrtListener::start(uint16_t port) {
+    stop();
+    const SRTSOCKET listenSocket = srt_create_socket();
+    if (listenSocket == SRT_INVALID_SOCK)
+        return false;
+    const int live = SRTT_LIVE;
+    const bool async = false;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int epoll = srt_epoll_create();
+    const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
+    if (epoll < 0 || srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
+        srt_setsockflag(listenSocket, SRTO_RCVSYN, &async, sizeof async) != 0 ||
+        srt_bind(listenSocket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        srt_listen(listenSocket, 4) != 0 ||
+        srt_epoll_add_usock(epoll, listenSocket, &events) != 0) {
+        if (epoll >= 0)
+            srt_epoll_release(epoll);
+        srt_close(listenSocket);
+        return false;
+    }
+    stopping = false;
+    thread = std::thread(&SrtListener::run, this, listenSocket, epoll);
+    return true;
+}
+
+void SrtListener::stop() {
+    if (!thread.joinable())
+        return;
+    stopping = true;
+    thread.join();
+}
+
+void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
+    std::map<SRTSOCKET, std::size_t> open; // accepted socket -> index in received
+    const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
+    while (!stopping) {
+        SRTSOCKET ready[8];
+        int readyCount = 8;
+        if (srt_epoll_wait(epoll, ready, &readyCount, nullptr, nullptr, 50, nullptr, nullptr,
+                           nullptr, nullptr) <= 0)
+            continue;
+        for (int i = 0; i < readyCount; ++i) {
+            if (ready[i] == listenSocket) {
+                sockaddr_storage peer{};
+                int peerLength = sizeof peer;
+                const SRTSOCKET accepted =
+                    srt_accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength);
+                if (accepted == SRT_INVALID_SOCK)
+                    continue;
+                char streamId[600] = {};
+                int streamIdLength = sizeof streamId;
+                if (srt_getsockflag(accepted, SRTO_STREAMID, streamId, &streamIdLength) != 0)
+                    streamIdLength = 0;
+                const bool async = false;
+                srt_setsockflag(accepted, SRTO_RCVSYN, &async, sizeof async);
+                srt_epoll_add_usock(epoll, accepted, &events);
+                std::lock_guard<std::mutex> lock(mutex);
+                received.push_back({std::string(streamId, streamIdLength), {}, false});
+                open[accepted] = received.size() - 1;
+                continue;
+            }
+            const auto connection = open.find(ready[i]);
+            if (connection == open.end())
+                continue;
+            for (;;) {
+                char message[1500];
+                const int length = srt_recvmsg(ready[i], message, sizeof message);
+                if (length > 0) {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    received[connection->second].messages.emplace_back(message, length);
+                    continue;
+                }
+                if (srt_getlasterror(nullptr) != SRT_EASYNCRCV) {
+                    srt_epoll_remove_usock(epoll, ready[i]);
+                    srt_close(ready[i]);
+                    std::lock_guard<std::mutex> lock(mutex);
+                    received[connection->second].closed = true;
+                    open.erase(connection);
+                }
+                break;
+            }
+        }
+    }
+    for (const auto& connection : open) {
+        srt_close(connection.first);
+        std::lock_guard<std::mutex> lock(mutex);
+        received[connection.second].closed = true;
+    }
+    srt_epoll_release(epoll);
+    srt_close(listenSocket);
+}
+
+std::vector<SrtListener::Connection> SrtListener::connections() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return received;
+}
+
+std::size_t SrtListener::connectionCount() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return received.size();
+}
+
+QByteArray SrtListener::bytes(std::size_t connection) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    QByteArray joined;
+    if (connection < received.size())
+        for (const QByteArray& message : received[connection].messages)
+            joined += message;
+    return joined;
+}
