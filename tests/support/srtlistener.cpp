@@ -20,6 +20,9 @@ bool SrtListener::start(uint16_t port) {
         return false;
     const int live = SRTT_LIVE;
     const bool async = false;
+    // Messages are recorded as they arrive: a receiver that holds them back for its latency
+    // window loses what is still held when the caller closes.
+    const bool deliverAtOnce = false;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -28,6 +31,7 @@ bool SrtListener::start(uint16_t port) {
     const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
     if (epoll < 0 || srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &async, sizeof async) != 0 ||
+        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &deliverAtOnce, sizeof deliverAtOnce) != 0 ||
         srt_bind(listenSocket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         srt_listen(listenSocket, 4) != 0 ||
         srt_epoll_add_usock(epoll, listenSocket, &events) != 0) {
@@ -56,7 +60,7 @@ void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
         int readyCount = 8;
         if (srt_epoll_wait(epoll, ready, &readyCount, nullptr, nullptr, 50, nullptr, nullptr,
                            nullptr, nullptr) <= 0)
-            continue;
+            readyCount = 0;
         for (int i = 0; i < readyCount; ++i) {
             if (ready[i] == listenSocket) {
                 sockaddr_storage peer{};
@@ -78,34 +82,46 @@ void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
                 continue;
             }
             const auto connection = open.find(ready[i]);
-            if (connection == open.end())
-                continue;
-            for (;;) {
-                char message[1500];
-                const int length = srt_recvmsg(ready[i], message, sizeof message);
-                if (length > 0) {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    received[connection->second].messages.emplace_back(message, length);
-                    continue;
-                }
-                if (srt_getlasterror(nullptr) != SRT_EASYNCRCV) {
-                    srt_epoll_remove_usock(epoll, ready[i]);
-                    srt_close(ready[i]);
-                    std::lock_guard<std::mutex> lock(mutex);
-                    received[connection->second].closed = true;
-                    open.erase(connection);
-                }
-                break;
+            if (connection != open.end() && receive(connection->first, connection->second)) {
+                finish(epoll, connection->first, connection->second);
+                open.erase(connection);
+            }
+        }
+        // A caller that closed before its socket was watched raises no event: look at states.
+        for (auto connection = open.begin(); connection != open.end();) {
+            if (srt_getsockstate(connection->first) >= SRTS_BROKEN &&
+                receive(connection->first, connection->second)) {
+                finish(epoll, connection->first, connection->second);
+                connection = open.erase(connection);
+            } else {
+                ++connection;
             }
         }
     }
-    for (const auto& connection : open) {
-        srt_close(connection.first);
-        std::lock_guard<std::mutex> lock(mutex);
-        received[connection.second].closed = true;
-    }
+    for (const auto& connection : open)
+        finish(epoll, connection.first, connection.second);
     srt_epoll_release(epoll);
     srt_close(listenSocket);
+}
+
+bool SrtListener::receive(SRTSOCKET socket, std::size_t index) {
+    for (;;) {
+        char message[1500];
+        const int length = srt_recvmsg(socket, message, sizeof message);
+        if (length > 0) {
+            std::lock_guard<std::mutex> lock(mutex);
+            received[index].messages.emplace_back(message, length);
+            continue;
+        }
+        return srt_getlasterror(nullptr) != SRT_EASYNCRCV;
+    }
+}
+
+void SrtListener::finish(int epoll, SRTSOCKET socket, std::size_t index) {
+    srt_epoll_remove_usock(epoll, socket);
+    srt_close(socket);
+    std::lock_guard<std::mutex> lock(mutex);
+    received[index].closed = true;
 }
 
 std::vector<SrtListener::Connection> SrtListener::connections() const {

@@ -38,6 +38,9 @@ public:
 
 private:
     void run(SRTSOCKET listenSocket, int epoll);
+    // Records what is waiting on an accepted socket; true once the connection has ended.
+    bool receive(SRTSOCKET socket, std::size_t index);
+    void finish(int epoll, SRTSOCKET socket, std::size_t index);
 
     mutable std::mutex mutex;
     std::vector<Connection> received;

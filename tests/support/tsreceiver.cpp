@@ -48,8 +48,11 @@ TsReceiver::~TsReceiver() {
 bool TsReceiver::start(uint16_t port, int timeoutMs) {
     process.setStandardOutputFile(path);
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    // Without time-stamp based delivery nothing is held back, so nothing is lost when the
+    // caller closes.
     process.start("srt-live-transmit",
-                  {"-a:no", "-q", QString("srt://127.0.0.1:%1?mode=listener&latency=10").arg(port),
+                  {"-a:no", "-q",
+                   QString("srt://127.0.0.1:%1?mode=listener&tsbpdmode=false").arg(port),
                    "file://con"});
     if (!process.waitForStarted(timeoutMs))
         return false;
