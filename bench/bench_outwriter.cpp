@@ -1,9 +1,10 @@
-// Pushes 1920x1080 RGB frames as fast as it can: first through each stage of the writer's
-// pipeline on its own (RGB-to-YUV conversion, H.264 encoding, MPEG-TS muxing plus SRT sending,
-// each driven with the same FFmpeg calls and settings as OUTWriter), then through OUTWriter
-// itself, into an SRT listener on 127.0.0.1. Prints per stage the median and 95th-percentile
+// Pushes 1920x1080 RGB frames as fast as it can into an SRT listener on 127.0.0.1, twice:
+// first through a replica of the writer's per-frame path (the same FFmpeg calls and settings
+// as OUTWriter, the product's SrtConnection underneath), timing each stage of every frame in
+// the order the writer runs them (RGB-to-YUV conversion, H.264 encoding, MPEG-TS muxing plus
+// SRT sending); then through OUTWriter itself. Prints per stage the median and 95th-percentile
 // wall time per frame and the process CPU time per frame, and the highest frame rate the
-// whole writer sustains.
+// writer sustains.
 //
 // Usage: bench_outwriter [frames]   (default 250, ten seconds of stream)
 
@@ -142,6 +143,20 @@ struct StageResult {
     std::vector<double> frameMs;
     double cpuSeconds = 0;
     double wallSeconds = 0;
+
+    // Runs one stage for one frame, adding its wall and CPU time.
+    template <typename Body> bool run(Body body) {
+        const double cpuBefore = processCpuSeconds();
+        const Clock::time_point before = Clock::now();
+        const bool ok = body();
+        const double ms = std::chrono::duration<double, std::milli>(Clock::now() - before).count();
+        cpuSeconds += processCpuSeconds() - cpuBefore;
+        wallSeconds += ms / 1000;
+        frameMs.push_back(ms);
+        if (!ok)
+            std::fprintf(stderr, "%s failed at frame %zu\n", name, frameMs.size() - 1);
+        return ok;
+    }
 };
 
 double percentile(std::vector<double> values, double fraction) {
@@ -156,25 +171,6 @@ void print(const StageResult& stage) {
     std::printf("%-28s %9.2f %9.2f %12.2f %10.1f\n", stage.name, percentile(stage.frameMs, 0.5),
                 percentile(stage.frameMs, 0.95), stage.cpuSeconds * 1000 / frames,
                 frames / stage.wallSeconds);
-}
-
-// Runs body(i) for every frame, timing each call and the whole stage.
-template <typename Body> StageResult timeStage(const char* name, int frames, Body body) {
-    StageResult result{name, {}, 0, 0};
-    const double cpuStart = processCpuSeconds();
-    const Clock::time_point start = Clock::now();
-    for (int i = 0; i < frames; ++i) {
-        const Clock::time_point before = Clock::now();
-        if (!body(i)) {
-            std::fprintf(stderr, "%s failed at frame %d\n", name, i);
-            std::exit(1);
-        }
-        result.frameMs.push_back(
-            std::chrono::duration<double, std::milli>(Clock::now() - before).count());
-    }
-    result.wallSeconds = std::chrono::duration<double>(Clock::now() - start).count();
-    result.cpuSeconds = processCpuSeconds() - cpuStart;
-    return result;
 }
 
 // The writer's encoder set-up on this system's FFmpeg: libx264 (the fall-back for the default
@@ -233,7 +229,8 @@ int main(int argc, char** argv) {
     StreamParams params;
     params.hostPort = "127.0.0.1:" + std::to_string(port);
 
-    // Stage 1: colour conversion, the writer's scaler on whole frames.
+    // The writer's per-frame objects: one picture, one scaler, one encoder, one muxer on a
+    // 32768-byte custom output that hands its chunks to an SRT connection.
     AVFrame* yuv = av_frame_alloc();
     yuv->format = AV_PIX_FMT_YUV420P;
     yuv->width = width;
@@ -242,38 +239,12 @@ int main(int argc, char** argv) {
     SwsContext* scaler =
         sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, AV_PIX_FMT_YUV420P,
                        SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-    std::vector<AVFrame*> yuvFrames;
-    const StageResult conversion = timeStage("RGB-to-YUV conversion", frames, [&](int i) {
-        const uint8_t* const planes[1] = {rgbAt(i)};
-        const int strides[1] = {width * 3};
-        sws_scale(scaler, planes, strides, 0, height, yuv->data, yuv->linesize);
-        if (i < distinctFrames)
-            yuvFrames.push_back(av_frame_clone(yuv));
-        return true;
-    });
-
-    // Stage 2: encoding the converted frames; the packets are kept for stage 3.
     AVCodecContext* codec = openEncoder();
     if (!codec) {
         std::fprintf(stderr, "cannot open the H.264 encoder\n");
         return 1;
     }
-    AVFrame* input = av_frame_alloc();
-    AVPacket* packet = av_packet_alloc();
-    std::vector<std::vector<AVPacket*>> packets(static_cast<std::size_t>(frames));
-    const StageResult encoding = timeStage("H.264 encoding", frames, [&](int i) {
-        av_frame_ref(input, yuvFrames[static_cast<std::size_t>(i % distinctFrames)]);
-        input->pts = i;
-        const bool sent = avcodec_send_frame(codec, input) >= 0;
-        av_frame_unref(input);
-        while (sent && avcodec_receive_packet(codec, packet) >= 0) {
-            packets[static_cast<std::size_t>(i)].push_back(av_packet_clone(packet));
-            av_packet_unref(packet);
-        }
-        return sent;
-    });
-
-    // Stage 3: muxing into MPEG-TS through a 32768-byte custom output and sending over SRT.
+    const std::string encoderName = codec->codec->name;
     SrtConnection connection;
     std::string connectError;
     if (!connection.connect(params, connectError)) {
@@ -294,17 +265,53 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot write the MPEG-TS header\n");
         return 1;
     }
-    const StageResult muxing = timeStage("MPEG-TS muxing + SRT send", frames, [&](int i) {
-        for (AVPacket* encoded : packets[static_cast<std::size_t>(i)]) {
-            av_packet_rescale_ts(encoded, codec->time_base, stream->time_base);
-            encoded->stream_index = stream->index;
-            if (av_interleaved_write_frame(output, encoded) < 0)
+
+    StageResult conversion{"RGB-to-YUV conversion", {}, 0, 0};
+    StageResult encoding{"H.264 encoding", {}, 0, 0};
+    StageResult muxing{"MPEG-TS muxing + SRT send", {}, 0, 0};
+    AVPacket* packet = av_packet_alloc();
+    std::vector<AVPacket*> encoded;
+    for (int i = 0; i < frames; ++i) {
+        const bool ok = conversion.run([&] {
+            if (av_frame_make_writable(yuv) < 0)
                 return false;
-        }
-        return true;
-    });
+            const uint8_t* const planes[1] = {rgbAt(i)};
+            const int strides[1] = {width * 3};
+            sws_scale(scaler, planes, strides, 0, height, yuv->data, yuv->linesize);
+            return true;
+        }) && encoding.run([&] {
+            yuv->pts = i;
+            if (avcodec_send_frame(codec, yuv) < 0)
+                return false;
+            while (avcodec_receive_packet(codec, packet) >= 0) {
+                encoded.push_back(av_packet_clone(packet));
+                av_packet_unref(packet);
+            }
+            return true;
+        }) && muxing.run([&] {
+            bool written = true;
+            for (AVPacket*& ready : encoded) {
+                av_packet_rescale_ts(ready, codec->time_base, stream->time_base);
+                ready->stream_index = stream->index;
+                written = written && av_interleaved_write_frame(output, ready) >= 0;
+                av_packet_free(&ready);
+            }
+            encoded.clear();
+            return written;
+        });
+        if (!ok)
+            return 1;
+    }
     av_write_trailer(output);
     connection.close();
+    output->pb = nullptr;
+    avformat_free_context(output);
+    av_freep(&io->buffer);
+    avio_context_free(&io);
+    av_packet_free(&packet);
+    avcodec_free_context(&codec);
+    sws_freeContext(scaler);
+    av_frame_free(&yuv);
 
     // The whole writer, as the capture streamer drives it.
     OUTWriter writer;
@@ -312,38 +319,29 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", writer.lastError().c_str());
         return 1;
     }
-    const StageResult whole = timeStage("OUTWriter::writeFrame (all)", frames, [&](int i) {
-        return writer.writeFrame(rgbAt(i), static_cast<int64_t>(width) * height * 3, width, height,
-                                 width * 3);
-    });
+    StageResult whole{"OUTWriter::writeFrame (all)", {}, 0, 0};
+    const Clock::time_point wholeStart = Clock::now();
+    for (int i = 0; i < frames; ++i)
+        if (!whole.run([&] {
+                return writer.writeFrame(rgbAt(i), static_cast<int64_t>(width) * height * 3, width,
+                                         height, width * 3);
+            }))
+            return 1;
+    const double wholeSeconds = std::chrono::duration<double>(Clock::now() - wholeStart).count();
     writer.stop();
 
     std::printf("bench_outwriter: %d frames of %dx%d RGB24, %s, %d kbit/s, %d fps time base, "
                 "into an SRT listener on 127.0.0.1\n",
-                frames, width, height, codec->codec->name, bitrateKbps, fps);
+                frames, width, height, encoderName.c_str(), bitrateKbps, fps);
     std::printf("%-28s %9s %9s %12s %10s\n", "stage", "median ms", "p95 ms", "CPU ms/frame",
                 "frames/s");
     for (const StageResult* stage : {&conversion, &encoding, &muxing, &whole})
         print(*stage);
     std::printf("highest sustained frame rate through OUTWriter: %.1f frames/s (real time needs "
                 "%d)\n",
-                frames / whole.wallSeconds, fps);
+                frames / wholeSeconds, fps);
     std::printf("listener received %.1f MB\n", static_cast<double>(listener.bytes()) / 1e6);
 
-    for (auto& framePackets : packets)
-        for (AVPacket*& encoded : framePackets)
-            av_packet_free(&encoded);
-    for (AVFrame*& frame : yuvFrames)
-        av_frame_free(&frame);
-    output->pb = nullptr;
-    avformat_free_context(output);
-    av_freep(&io->buffer);
-    avio_context_free(&io);
-    av_packet_free(&packet);
-    av_frame_free(&input);
-    avcodec_free_context(&codec);
-    sws_freeContext(scaler);
-    av_frame_free(&yuv);
     listener.stop();
     srt_cleanup();
     return 0;
