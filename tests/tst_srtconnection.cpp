@@ -36,6 +36,8 @@ private slots:
     void parsesHostPort();
     void passesStreamIdOnlyWhenGiven();
     void cutsChunksIntoLiveMessages();
+    void resolvesNamesAndIpv6Literals_data();
+    void resolvesNamesAndIpv6Literals();
     void reportsConnectFailures_data();
     void reportsConnectFailures();
     void dropsAndReconnectsAfterServerLoss();
@@ -139,6 +141,29 @@ void TestSrtConnection::cutsChunksIntoLiveMessages() {
     QCOMPARE(sizes, (QList<int>{1316, 1316, 1316, 52, 1316, 188}));
     QCOMPARE(listener.bytes(0), big + exact + small);
     QVERIFY(connection.isOpen());
+}
+
+void TestSrtConnection::resolvesNamesAndIpv6Literals_data() {
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<bool>("ipv6");
+    QTest::newRow("host name") << "localhost" << false;
+    QTest::newRow("unbracketed IPv6") << "::1" << true;
+}
+
+void TestSrtConnection::resolvesNamesAndIpv6Literals() {
+    QFETCH(QString, host);
+    QFETCH(bool, ipv6);
+    const uint16_t port = freeLoopbackPort(true);
+    SrtListener listener;
+    QVERIFY(listener.start(port, ipv6));
+    SrtConnection connection;
+    StreamParams params;
+    params.hostPort = QString("%1:%2").arg(host).arg(port).toStdString();
+    std::string errorText;
+    QVERIFY2(connection.connect(params, errorText), errorText.c_str());
+    const QByteArray chunk = pattern(300, 9);
+    QVERIFY(connection.send(bytesOf(chunk), chunk.size(), errorText));
+    QTRY_COMPARE(listener.bytes(0), chunk);
 }
 
 void TestSrtConnection::reportsConnectFailures_data() {

@@ -13,7 +13,7 @@ SrtListener::~SrtListener() {
     srt_cleanup();
 }
 
-bool SrtListener::start(uint16_t port) {
+bool SrtListener::start(uint16_t port, bool ipv6) {
     stop();
     const SRTSOCKET listenSocket = srt_create_socket();
     if (listenSocket == SRT_INVALID_SOCK)
@@ -23,16 +23,28 @@ bool SrtListener::start(uint16_t port) {
     // Messages are recorded as they arrive: a receiver that holds them back for its latency
     // window loses what is still held when the caller closes.
     const bool deliverAtOnce = false;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_storage address{};
+    socklen_t addressLength = 0;
+    if (ipv6) {
+        auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(port);
+        v6->sin6_addr = in6addr_loopback;
+        addressLength = sizeof *v6;
+    } else {
+        auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(port);
+        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        addressLength = sizeof *v4;
+    }
     const int epoll = srt_epoll_create();
     const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
     if (epoll < 0 || srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &async, sizeof async) != 0 ||
         srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &deliverAtOnce, sizeof deliverAtOnce) != 0 ||
-        srt_bind(listenSocket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        srt_bind(listenSocket, reinterpret_cast<sockaddr*>(&address),
+                 static_cast<int>(addressLength)) != 0 ||
         srt_listen(listenSocket, 4) != 0 ||
         srt_epoll_add_usock(epoll, listenSocket, &events) != 0) {
         if (epoll >= 0)

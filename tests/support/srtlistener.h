@@ -27,7 +27,8 @@ public:
     SrtListener& operator=(const SrtListener&) = delete;
 
     // Connections recorded before a stop stay; later ones are appended.
-    bool start(uint16_t port);
+    // Listens on 127.0.0.1, or on ::1 when ipv6 is set.
+    bool start(uint16_t port, bool ipv6 = false);
     // Closes the listening socket and every accepted connection (the callers see them break).
     void stop();
 
