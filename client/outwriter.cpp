@@ -1,0 +1,369 @@
+#include "outwriter.h"
+
+#include "globalstate.h"
+#include "logfile.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/mem.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <cctype>
+
+namespace {
+
+constexpr int ioBufferSize = 32768;
+constexpr const char* defaultCodec = "libopenh264";
+constexpr int defaultFps = 25;
+constexpr int defaultBitrate = 1000000;
+
+std::string errorText(int code) {
+    char text[64] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+const char* pixelFormatName(AVPixelFormat format) {
+    const char* name = av_get_pix_fmt_name(format);
+    return name ? name : "unknown";
+}
+
+// The pixel formats an encoder publishes, or null when it publishes none.
+const AVPixelFormat* publishedPixelFormats(const AVCodec* encoder) {
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
+    const void* formats = nullptr;
+    int count = 0;
+    if (avcodec_get_supported_config(nullptr, encoder, AV_CODEC_CONFIG_PIX_FORMAT, 0, &formats,
+                                     &count) < 0)
+        return nullptr;
+    return static_cast<const AVPixelFormat*>(formats);
+#else
+    return encoder->pix_fmts;
+#endif
+}
+
+struct EncoderConfig {
+    std::string codec = defaultCodec;
+    int fps = defaultFps;
+    int bitrate = defaultBitrate;
+};
+
+EncoderConfig configuredEncoder() {
+    EncoderConfig config;
+    if (globalState && globalState->config()) {
+        const StreamConfig* stream = globalState->config();
+        config.codec = stream->codec.toLocal8Bit().toStdString();
+        config.fps = stream->fps;
+        config.bitrate = stream->bitrate;
+    }
+    return config;
+}
+
+} // namespace
+
+EncoderCandidate encoderCandidateFor(const std::string& encoderName) {
+    const std::string name = lowerCase(encoderName);
+    for (const EncoderCandidate& candidate : EncoderCandidates)
+        if (name == candidate.name)
+            return candidate;
+    return {nullptr, AV_PIX_FMT_YUV420P, "default"};
+}
+
+OUTWriter::OUTWriter() = default;
+
+OUTWriter::~OUTWriter() {
+    stop();
+    error.clear();
+}
+
+bool OUTWriter::start(const StreamParams& newSettings) {
+    stop();
+    if (&newSettings != &settings)
+        settings = newSettings;
+    active = true;
+    initialised = false;
+    width = height = 0;
+    frameIndex = 0;
+    error.clear();
+    logLine("OUTWriter start. hostPort=", settings.hostPort, ", streamId=", settings.streamId,
+            ", videoBitrateKbps=", settings.videoBitrateKbps,
+            ", audioBitrateKbps=", settings.audioBitrateKbps, ", latency=", settings.latency);
+    std::string text;
+    if (!connection.connect(settings, text)) {
+        logLine("OUTWriter failed to connect SRT: ", text);
+        error = text;
+        active = false;
+        return false;
+    }
+    return true;
+}
+
+bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int frameHeight,
+                           int bytesPerLine) {
+    if (!active || !data || frameWidth < 1 || frameHeight < 1 || bytesPerLine < 1)
+        return false;
+    if (!initialised) {
+        if (!initEncoder(frameWidth, frameHeight) || !initOutput()) {
+            error = "Failed to initialize video encoder or MPEG-TS output";
+            releaseAll();
+            connection.close();
+            active = false;
+            return false;
+        }
+        initialised = true;
+    }
+    if (frameWidth != width || frameHeight != height) {
+        logLine("OUTWriter got unexpected frame size: ", frameWidth, "x", frameHeight);
+        return true;
+    }
+    if (encodeFrame(data, frameWidth, frameHeight, bytesPerLine))
+        return true;
+    if (error.empty())
+        error = "No connection to server";
+    active = false;
+    return false;
+}
+
+void OUTWriter::stop() {
+    if (active && codec && output && initialised) {
+        drainEncoder(true);
+        av_write_trailer(output);
+    }
+    releaseAll();
+    connection.close();
+    active = false;
+}
+
+bool OUTWriter::initEncoder(int newWidth, int newHeight) {
+    width = newWidth;
+    height = newHeight;
+    const EncoderConfig config = configuredEncoder();
+
+    const AVCodec* encoder = avcodec_find_encoder_by_name(config.codec.c_str());
+    if (!encoder) {
+        logLine("OUTWriter requested encoder not found: ", config.codec,
+                ". Falling back to AV_CODEC_ID_H264");
+        encoder = avcodec_find_encoder(AV_CODEC_ID_H264);
+        if (!encoder) {
+            logLine("OUTWriter failed to find H.264 encoder");
+            return false;
+        }
+    }
+    const std::string name = encoder->name ? encoder->name : "";
+    const EncoderCandidate candidate = encoderCandidateFor(name);
+    logLine("OUTWriter requested encoder: ", config.codec, ", selected encoder: ", name, " (",
+            encoder->long_name ? encoder->long_name : "", ")", ", profile: ", candidate.label);
+
+    if (const AVPixelFormat* formats = publishedPixelFormats(encoder)) {
+        bool supported = false;
+        for (; *formats != AV_PIX_FMT_NONE && !supported; ++formats)
+            supported = *formats == candidate.pixelFormat;
+        if (!supported) {
+            logLine("OUTWriter selected encoder does not report pixel format support: ", name,
+                    " pix_fmt=", pixelFormatName(candidate.pixelFormat));
+            return false;
+        }
+    }
+    logLine("OUTWriter selected pixel format: ", pixelFormatName(candidate.pixelFormat));
+
+    codec = avcodec_alloc_context3(encoder);
+    if (!codec) {
+        logLine("OUTWriter failed to allocate codec context");
+        return false;
+    }
+    const int fps = config.fps > 0 ? config.fps : defaultFps;
+    codec->codec_id = AV_CODEC_ID_H264;
+    codec->codec_type = AVMEDIA_TYPE_VIDEO;
+    codec->width = width;
+    codec->height = height;
+    codec->pix_fmt = candidate.pixelFormat;
+    codec->time_base = AVRational{1, fps};
+    codec->framerate = AVRational{fps, 1};
+    codec->bit_rate = settings.videoBitrateKbps > 0
+                          ? static_cast<int64_t>(settings.videoBitrateKbps) * 1000
+                          : static_cast<int64_t>(config.bitrate);
+    codec->gop_size = fps;
+    codec->max_b_frames = 0;
+    codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    if (output && output->oformat && (output->oformat->flags & AVFMT_GLOBALHEADER))
+        codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    setEncoderOptions(codec, name);
+
+    const int opened = avcodec_open2(codec, encoder, nullptr);
+    if (opened < 0) {
+        logLine("OUTWriter failed to open encoder: ", errorText(opened));
+        return false;
+    }
+    frame = av_frame_alloc();
+    if (!frame) {
+        logLine("OUTWriter failed to allocate frame");
+        return false;
+    }
+    frame->format = codec->pix_fmt;
+    frame->width = width;
+    frame->height = height;
+    const int buffered = av_frame_get_buffer(frame, 32);
+    if (buffered < 0) {
+        logLine("OUTWriter failed to allocate frame buffer: ", errorText(buffered));
+        return false;
+    }
+    // Same size in and out: only the colour conversion and chroma subsampling happen, so the
+    // fastest filter loses nothing.
+    scaler = sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, codec->pix_fmt,
+                            SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+    if (!scaler) {
+        logLine("OUTWriter failed to create swscale context");
+        return false;
+    }
+    return true;
+}
+
+void OUTWriter::setEncoderOptions(AVCodecContext* context, const std::string& encoderName) {
+    if (encoderCandidateFor(encoderName).name)
+        return;
+    // Encoders without these options refuse them, which is fine: they are only a latency hint.
+    av_opt_set(context->priv_data, "preset", "veryfast", 0);
+    av_opt_set(context->priv_data, "tune", "zerolatency", 0);
+}
+
+bool OUTWriter::initOutput() {
+    const int allocated = avformat_alloc_output_context2(&output, nullptr, "mpegts", nullptr);
+    if (allocated < 0 || !output) {
+        logLine("OUTWriter failed to allocate output context: ", errorText(allocated));
+        return false;
+    }
+    ioBuffer = static_cast<uint8_t*>(av_malloc(ioBufferSize));
+    if (!ioBuffer) {
+        logLine("OUTWriter failed to allocate IO buffer");
+        return false;
+    }
+    io = avio_alloc_context(ioBuffer, ioBufferSize, 1, this, nullptr, &OUTWriter::writePacket,
+                            nullptr);
+    if (!io) {
+        logLine("OUTWriter failed to allocate AVIO context");
+        return false;
+    }
+    output->pb = io;
+    output->flags |= AVFMT_FLAG_CUSTOM_IO;
+    stream = avformat_new_stream(output, nullptr);
+    if (!stream) {
+        logLine("OUTWriter failed to create video stream");
+        return false;
+    }
+    stream->time_base = codec->time_base;
+    const int copied = avcodec_parameters_from_context(stream->codecpar, codec);
+    if (copied < 0) {
+        logLine("OUTWriter failed to copy encoder parameters: ", errorText(copied));
+        return false;
+    }
+    const int written = avformat_write_header(output, nullptr);
+    if (written < 0) {
+        logLine("OUTWriter failed to write output header: ", errorText(written));
+        return false;
+    }
+    return true;
+}
+
+bool OUTWriter::encodeFrame(const uint8_t* data, int, int frameHeight, int bytesPerLine) {
+    const int writable = av_frame_make_writable(frame);
+    if (writable < 0) {
+        logLine("OUTWriter failed to make frame writable: ", errorText(writable));
+        return false;
+    }
+    const uint8_t* const planes[1] = {data};
+    const int strides[1] = {bytesPerLine};
+    sws_scale(scaler, planes, strides, 0, frameHeight, frame->data, frame->linesize);
+    // Time stamps count frames, not wall-clock time: the stream plays at its nominal rate.
+    frame->pts = frameIndex++;
+    const int sent = avcodec_send_frame(codec, frame);
+    if (sent < 0) {
+        logLine("OUTWriter failed to send frame: ", errorText(sent));
+        return false;
+    }
+    return drainEncoder(false);
+}
+
+bool OUTWriter::drainEncoder(bool flush) {
+    if (flush) {
+        const int flushed = avcodec_send_frame(codec, nullptr);
+        if (flushed < 0 && flushed != AVERROR_EOF) {
+            logLine("OUTWriter failed to flush encoder: ", errorText(flushed));
+            return false;
+        }
+    }
+    AVPacket* packet = av_packet_alloc();
+    if (!packet) {
+        logLine("OUTWriter failed to allocate packet");
+        return false;
+    }
+    for (;;) {
+        const int received = avcodec_receive_packet(codec, packet);
+        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF)
+            break;
+        if (received < 0) {
+            logLine("OUTWriter failed to receive packet: ", errorText(received));
+            av_packet_free(&packet);
+            return false;
+        }
+        av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        const int written = av_interleaved_write_frame(output, packet);
+        av_packet_unref(packet);
+        if (written < 0) {
+            logLine("OUTWriter failed to write packet: ", errorText(written));
+            av_packet_free(&packet);
+            return false;
+        }
+    }
+    av_packet_free(&packet);
+    return true;
+}
+
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+int OUTWriter::writePacket(void* opaque, const uint8_t* buffer, int size) {
+#else
+int OUTWriter::writePacket(void* opaque, uint8_t* buffer, int size) {
+#endif
+    OUTWriter* writer = static_cast<OUTWriter*>(opaque);
+    std::string text;
+    if (writer->connection.send(buffer, static_cast<std::size_t>(size), text))
+        return size;
+    logLine("OUTWriter failed to send TS chunk over SRT: ", text);
+    writer->error = text;
+    return AVERROR(EIO);
+}
+
+void OUTWriter::releaseAll() {
+    sws_freeContext(scaler);
+    scaler = nullptr;
+    av_frame_free(&frame);
+    avcodec_free_context(&codec);
+    if (output) {
+        output->pb = nullptr;
+        avformat_free_context(output);
+        output = nullptr;
+    }
+    if (io) {
+        // The muxer may have swapped the buffer it was given; io's current one is the live one.
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+        ioBuffer = nullptr;
+    } else if (ioBuffer) {
+        av_freep(&ioBuffer);
+    }
+    stream = nullptr;
+    initialised = false;
+    width = height = 0;
+    frameIndex = 0;
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "srtconnection.h"
+#include "streamparams.h"
+
+extern "C" {
+#include <libavformat/version.h>
+#include <libavutil/pixfmt.h>
+}
+
+#include <cstdint>
+#include <string>
+
+struct AVCodecContext;
+struct AVFormatContext;
+struct AVFrame;
+struct AVIOContext;
+struct AVStream;
+struct SwsContext;
+
+// What the writer knows about an encoder it may be given: the pixel format to feed it and
+// the label it goes by in the log.
+struct EncoderCandidate {
+    const char* name;
+    AVPixelFormat pixelFormat;
+    const char* label;
+};
+
+// The encoders with known needs; any other gets planar YUV 4:2:0, the label "default" and the
+// low-latency "preset"/"tune" options.
+inline constexpr EncoderCandidate EncoderCandidates[] = {
+    {"libopenh264", AV_PIX_FMT_YUV420P, "libopenh264"},
+    {"h264_qsv", AV_PIX_FMT_NV12, "h264_qsv"},
+    {"h264_amf", AV_PIX_FMT_NV12, "h264_amf"},
+    {"h264_nvenc", AV_PIX_FMT_NV12, "h264_nvenc"},
+};
+
+// The table entry for an encoder name (lower-cased, compared exactly); a null name means the
+// encoder is not in the table.
+EncoderCandidate encoderCandidateFor(const std::string& encoderName);
+
+// The sink of the capture pipeline: packed RGB24 frames in, H.264 in MPEG-TS out over SRT.
+// All work is done synchronously on the caller's thread; the writer takes no lock, so its
+// owner must not let two threads use it at once.
+class OUTWriter {
+public:
+    OUTWriter();
+    ~OUTWriter();
+    OUTWriter(const OUTWriter&) = delete;
+    OUTWriter& operator=(const OUTWriter&) = delete;
+
+    // Connects to the server; encoder and muxer wait for the first frame, whose size they take.
+    bool start(const StreamParams& newSettings);
+    // data: rows of packed R, G, B bytes, bytesPerLine apart; sizeInBytes is not needed.
+    bool writeFrame(const uint8_t* data, int64_t sizeInBytes, int width, int height,
+                    int bytesPerLine);
+    // Flushes and closes whatever runs; harmless when nothing does.
+    void stop();
+    const std::string& lastError() const { return error; }
+
+private:
+    bool initEncoder(int newWidth, int newHeight);
+    static void setEncoderOptions(AVCodecContext* context, const std::string& encoderName);
+    bool initOutput();
+    bool encodeFrame(const uint8_t* data, int frameWidth, int frameHeight, int bytesPerLine);
+    bool drainEncoder(bool flush);
+    void releaseAll();
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+    static int writePacket(void* opaque, const uint8_t* buffer, int size);
+#else
+    static int writePacket(void* opaque, uint8_t* buffer, int size);
+#endif
+
+    StreamParams settings;
+    SrtConnection connection;
+    bool active = false;
+    bool initialised = false;
+    std::string error;
+    int32_t width = 0;
+    int32_t height = 0;
+    int64_t frameIndex = 0;
+    AVFormatContext* output = nullptr;
+    AVIOContext* io = nullptr;
+    uint8_t* ioBuffer = nullptr;
+    AVCodecContext* codec = nullptr;
+    AVStream* stream = nullptr;
+    AVFrame* frame = nullptr;
+    SwsContext* scaler = nullptr;
+};
