@@ -1,11 +1,14 @@
 #include "mainwindow.h"
 
+#include "capturestreamer.h"
+#include "frame/drawingform.h"
 #include "logfile.h"
 #include "platform/settingslocation.h"
 #include "updatechecker.h"
 
 #include <QCoreApplication>
 #include <QMenuBar>
+#include <QPushButton>
 #include <QSettings>
 #include <QStatusBar>
 #include <QUuid>
@@ -15,6 +18,22 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), ui(std::make_uniq
     loadGlobalState();
     updateChecker = new UpdateChecker(this);
     updateChecker->start();
+    captureStreamer = new CaptureStreamer;
+    connect(captureStreamer, &CaptureStreamer::need_reconnect, this, &MainWindow::need_reconnect);
+    captureStreamer->capture().show();
+    connect(&captureStreamer->capture(), &WCapture::switchLive, this, &MainWindow::switchLive);
+}
+
+void MainWindow::need_reconnect() {}
+
+void MainWindow::reconnect() {}
+
+void MainWindow::switchLive(bool on) {
+    logLine("switchLive ", on);
+    if (on)
+        captureStreamer->try_connect();
+    else
+        captureStreamer->stop();
 }
 
 MainWindow::~MainWindow() = default;
@@ -68,8 +87,8 @@ QSettings* MainWindow::settings() {
 }
 
 void MainWindow::changeStatus(QString text, int kind) {
-    Q_UNUSED(text);
-    Q_UNUSED(kind);
+    if (captureStreamer)
+        captureStreamer->capture().drawingForm()->changeStatus(text, kind);
 }
 
 StreamConfig* MainWindow::config() {
@@ -80,4 +99,7 @@ int MainWindow::testAndSetOnce() {
     return onceFlag.exchange(1);
 }
 
-void MainWindow::clickLive() {}
+void MainWindow::clickLive() {
+    if (captureStreamer)
+        captureStreamer->capture().liveButton()->click();
+}

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 
+class CaptureStreamer;
 class QMenuBar;
 class QSettings;
 class QStatusBar;
@@ -30,7 +31,13 @@ public:
     int testAndSetOnce() override;
     void clickLive() override;
 
+public Q_SLOTS:
+    void need_reconnect();
+    void reconnect();
+
 private:
+    void switchLive(bool on);
+
     struct Form {
         QWidget* centralwidget = nullptr;
         QMenuBar* menubar = nullptr;
@@ -41,7 +48,8 @@ private:
     void loadGlobalState();
 
     std::unique_ptr<Form> ui;
-    UpdateChecker* updateChecker = nullptr; // a child object: goes with the window
+    CaptureStreamer* captureStreamer = nullptr; // lives until the process ends
+    UpdateChecker* updateChecker = nullptr;     // a child object: goes with the window
     ConfigReader configReader;
     QSettings* settingsStore = nullptr; // lives until the process ends
     QString room;

@@ -19,6 +19,7 @@
 #include <QScreen>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
+#include <QWindow>
 #include <algorithm>
 
 namespace {
@@ -187,6 +188,28 @@ void WCapture::setupUi() {
 
 QPushButton* WCapture::liveButton() const {
     return ui->cmdLive;
+}
+
+const QImage* WCapture::grab() {
+    if (dragging)
+        return nullptr;
+
+    const QList<QScreen*> screens = QGuiApplication::screens();
+    QScreen* screen = screenIndex < screens.size() ? screens.at(screenIndex) : nullptr;
+    if (const QWindow* window = windowHandle())
+        screen = window->screen();
+    if (!screen)
+        return nullptr;
+
+    const QRect area = captureRect.load();
+    QImage picture = screen->grabWindow(0, area.x(), area.y(), area.width(), area.height())
+                         .toImage()
+                         .scaled(1920, 1080, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    picture.convertTo(QImage::Format_RGB888);
+
+    delete lastImage;
+    lastImage = new QImage(std::move(picture));
+    return lastImage;
 }
 
 void WCapture::setLive(bool live) {

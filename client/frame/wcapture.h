@@ -52,6 +52,10 @@ public:
     WCapture();
     ~WCapture() override;
 
+    // The framed area of the screen, stretched to 1920x1080 RGB888; null while the column is
+    // dragged. Runs on the streaming thread; the picture stays valid until the next grab.
+    const QImage* grab();
+
     // Shows the streamer's view of the live state without emitting the button's signals.
     void setLive(bool live);
     void hideToolbar() override;

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "frame/wcapture.h"
+#include "outwriter.h"
+#include "tick_generator.h"
+
+#include <QObject>
+#include <mutex>
+#include <string>
+
+// Joins the capture frame, the tick generator and the writer: while live, every tick grabs
+// the framed area and hands it to the writer.
+class CaptureStreamer : public QObject, public ITickHandler {
+    Q_OBJECT
+
+public:
+    CaptureStreamer();
+    ~CaptureStreamer() override;
+
+    WCapture& capture() { return captureFrame; }
+
+    void stop();
+    void onTick() override;
+
+Q_SIGNALS:
+    void need_reconnect();
+
+public Q_SLOTS:
+    void try_connect();
+
+private:
+    void showFailure(const std::string& error);
+
+    TickFlags flags;
+    WCapture captureFrame;
+    OUTWriter writer;
+    // The writer takes no lock of its own: this one keeps a start or stop on the interface
+    // thread from freeing what a frame being written on the worker thread still uses.
+    std::mutex writerMutex;
+};
