@@ -136,6 +136,9 @@ bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int fra
 }
 
 void OUTWriter::stop() {
+    // Only a stream that ran is worth a line: stop() also runs when nothing does.
+    if (active)
+        logLine("OUTWriter stop. frames=", frameIndex);
     if (active && codec && output && initialised) {
         drainEncoder(true);
         av_write_trailer(output);

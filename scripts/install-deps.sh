@@ -8,7 +8,7 @@ packages=(
     libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
     libsrt-gnutls-dev srt-tools
     ffmpeg
-    xvfb xauth
+    xvfb xauth xdotool
 )
 
 missing=()
