@@ -24,7 +24,7 @@ void CaptureStreamer::try_connect() {
     bool started = false;
     std::string error;
     {
-        const std::lock_guard<std::mutex> lock(writerMutex);
+        const std::lock_guard<std::mutex> lock(frameMutex);
         started = writer.start(params);
         error = writer.lastError();
     }
@@ -53,22 +53,22 @@ void CaptureStreamer::try_connect() {
 void CaptureStreamer::stop() {
     flags.stopFlag = true;
     {
-        const std::lock_guard<std::mutex> lock(writerMutex);
+        const std::lock_guard<std::mutex> lock(frameMutex);
         writer.stop();
     }
     captureFrame.drawingForm()->setFormMode(2);
 }
 
 void CaptureStreamer::onTick() {
-    const QImage* image = captureFrame.grab();
-    if (!image)
-        return;
-
     std::string error;
     {
-        const std::lock_guard<std::mutex> lock(writerMutex);
+        // Workers of two runs may overlap for a tick; only one grabs and writes at a time.
+        const std::lock_guard<std::mutex> lock(frameMutex);
         // A tick still under way when live was switched off belongs to the stopped stream.
         if (flags.stopFlag)
+            return;
+        const QImage* image = captureFrame.grab();
+        if (!image)
             return;
         if (writer.writeFrame(image->constBits(), static_cast<int32_t>(image->sizeInBytes()),
                               image->width(), image->height(), image->bytesPerLine()))

@@ -35,6 +35,7 @@ private:
     WCapture captureFrame;
     OUTWriter writer;
     // The writer takes no lock of its own: this one keeps a start or stop on the interface
-    // thread from freeing what a frame being written on the worker thread still uses.
-    std::mutex writerMutex;
+    // thread from freeing what a frame being written on a worker thread still uses, and the
+    // worker of an earlier run from replacing the picture the current one is writing.
+    std::mutex frameMutex;
 };
