@@ -1,17 +1,11 @@
 #include "srtconnection.h"
 
+#include "platform/sockets.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-
-#ifdef _WIN32
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#else
-#include <netdb.h>
-#include <sys/socket.h>
-#include <sys/types.h>
-#endif
+#include <thread>
 
 namespace {
 
@@ -22,6 +16,8 @@ int64_t steadyNanoseconds() {
 }
 
 constexpr int64_t reconnectBackoffNs = 2000000000;
+// How long a closing connection waits for the server to acknowledge what was last sent.
+constexpr auto drainTimeout = std::chrono::milliseconds(500);
 constexpr int sendBufferBytes = 819200;
 constexpr int udpSendBufferBytes = 6553600;
 
@@ -145,10 +141,19 @@ bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& err
 }
 
 void SrtConnection::close() {
-    if (socket != SRT_INVALID_SOCK) {
-        srt_close(socket);
-        socket = SRT_INVALID_SOCK;
-    }
+    if (socket == SRT_INVALID_SOCK)
+        return;
+    // In live mode closing drops whatever the server has not acknowledged yet, which at the
+    // end of a stream is its last frames: give a healthy connection a moment to deliver them.
+    const auto deadline = std::chrono::steady_clock::now() + drainTimeout;
+    size_t blocks = 0;
+    size_t bytes = 0;
+    while (srt_getsockstate(socket) == SRTS_CONNECTED &&
+           srt_getsndbuffer(socket, &blocks, &bytes) == 0 && blocks > 0 &&
+           std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    srt_close(socket);
+    socket = SRT_INVALID_SOCK;
 }
 
 void SrtConnection::closeAndScheduleReconnect() {
