@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Runs the benchmark programs, on an X server of our own when none is set.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+seconds=${BENCH_SECONDS:-60}
+
+run() {
+    "$root/build/bench/bench_outwriter" 250
+    "$root/build/bench/bench_capture" "$seconds"
+}
+
+if [[ -z "${DISPLAY:-}" ]]; then
+    export -f run
+    export root seconds
+    xvfb-run -a -s "-screen 0 1920x1080x24 -nolisten tcp" bash -c run
+else
+    run
+fi
