@@ -11,6 +11,8 @@
 #include "frame/drawingform.h"
 #include "frame/wcapture.h"
 #include "outwriter.h"
+#include "processcpu.h"
+#include "support/freeport.h"
 #include "tick_generator.h"
 
 #include <QApplication>
@@ -24,15 +26,9 @@
 #include <QTimer>
 #include <QWidget>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <ctime>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -40,24 +36,6 @@
 namespace {
 
 constexpr int periodMs = 40;
-
-double processCpuSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-uint16_t freeUdpPort() {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 // Screen content that changes every frame: scrolling stripes, a moving window, text.
 class MovingScene : public QWidget {
@@ -279,8 +257,8 @@ int main(int argc, char** argv) {
     std::printf("bench_capture: %d s each, area %dx%d at %d,%d stretched to 1920x1080, 25 ticks/s,"
                 " libx264 veryfast/zerolatency 5 Mbit/s, SRT to 127.0.0.1\n",
                 seconds, area.width(), area.height(), area.x(), area.y());
-    const Result ours = runBrindlewave(capture, freeUdpPort(), seconds);
-    const Result theirs = runFfmpeg(area, freeUdpPort(), seconds);
+    const Result ours = runBrindlewave(capture, freeLoopbackPort(true), seconds);
+    const Result theirs = runFfmpeg(area, freeLoopbackPort(true), seconds);
 
     std::printf("%-34s %8s %10s %10s %14s\n", "", "frames/s", "frames", "missed", "CPU ms/frame");
     print("Brindlewave (grab..send)", ours);

@@ -9,7 +9,9 @@
 // Usage: bench_outwriter [frames]   (default 250, ten seconds of stream)
 
 #include "outwriter.h"
+#include "processcpu.h"
 #include "srtconnection.h"
+#include "support/freeport.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -23,14 +25,12 @@ extern "C" {
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,12 +44,6 @@ constexpr int bitrateKbps = 5000; // what the connection form always asks for
 constexpr int distinctFrames = 50;
 
 using Clock = std::chrono::steady_clock;
-
-double processCpuSeconds() {
-    timespec now{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 // Screen-like content: flat areas, a gradient, a moving window and fine "text" detail.
 std::vector<uint8_t> makeFrame(int index) {
@@ -123,20 +117,6 @@ private:
     std::atomic<long long> received{0};
     std::thread thread;
 };
-
-uint16_t freeUdpPort() {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    uint16_t port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-        port = ntohs(address.sin_port);
-    close(fd);
-    return port;
-}
 
 struct StageResult {
     const char* name;
@@ -221,7 +201,7 @@ int main(int argc, char** argv) {
 
     srt_startup();
     DrainingListener listener;
-    const uint16_t port = freeUdpPort();
+    const uint16_t port = freeLoopbackPort(true);
     if (!listener.start(port)) {
         std::fprintf(stderr, "cannot listen on 127.0.0.1:%u\n", port);
         return 1;
