@@ -3,7 +3,7 @@
 #include "frame/resizewidget.h"
 #include "support/mouseinput.h"
 #include "support/screencolour.h"
-#include "support/settingsglobalstate.h"
+#include "support/testglobalstate.h"
 
 #include <QGuiApplication>
 #include <QLabel>
@@ -205,7 +205,7 @@ void DrawingFormTest::messagesByKind() {
 }
 
 void DrawingFormTest::streamParamsAreTrimmedFixedAndRemembered() {
-    SettingsGlobalState state;
+    TestGlobalState state;
     state.settings()->setValue("SRT_HOST_PORT", "old.example:1");
     {
         Column column;

@@ -1,6 +1,8 @@
 #include "testglobalstate.h"
 
-TestGlobalState::TestGlobalState() : previous(globalState) {
+TestGlobalState::TestGlobalState()
+    : fileName(folder.filePath("Brindlewave.conf")),
+      store(std::make_unique<QSettings>(fileName, QSettings::IniFormat)), previous(globalState) {
     globalState = this;
 }
 
@@ -8,6 +10,7 @@ TestGlobalState::~TestGlobalState() {
     globalState = previous;
 }
 
-void TestGlobalState::changeStatus(QString text, int) {
-    statusTexts.append(text);
+std::unique_ptr<QSettings> TestGlobalState::reopen() const {
+    store->sync();
+    return std::make_unique<QSettings>(fileName, QSettings::IniFormat);
 }
