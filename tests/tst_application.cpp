@@ -9,8 +9,10 @@
 #include <QJsonArray>
 #include <QProcess>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <optional>
 
 namespace {
 
@@ -39,15 +41,15 @@ bool clickUntilFinished(QProcess& program, QPoint point) {
     return false;
 }
 
-bool windowShown(const QString& title) {
-    return !run("xdotool", {"search", "--onlyvisible", "--name", "^" + title + "$"})
-                .trimmed()
-                .isEmpty();
-}
-
-// The column and the frame that follows it ("Form" is the frame's and the grip's title).
-bool programWindowsShown() {
-    return windowShown("Capture") && windowShown("Form");
+// Where the program's tool column stands on the screen; none while it is not shown.
+std::optional<QPoint> columnPosition() {
+    const QByteArray geometry =
+        run("xdotool", {"search", "--onlyvisible", "--name", "^Capture$", "getwindowgeometry"});
+    const QRegularExpressionMatch position =
+        QRegularExpression("Position: (-?\\d+),(-?\\d+)").match(QString::fromUtf8(geometry));
+    if (!position.hasMatch())
+        return std::nullopt;
+    return QPoint(position.captured(1).toInt(), position.captured(2).toInt());
 }
 
 QString logText(const QString& dataFolder) {
@@ -83,6 +85,7 @@ private:
     QPoint liveButton;
     QPoint exitButton;
     QPoint exitButtonBelowEncoderMessage;
+    QPoint columnInPlace;
 };
 
 void ApplicationTest::initTestCase() {
@@ -93,6 +96,7 @@ void ApplicationTest::initTestCase() {
     QVERIFY(QTest::qWaitForWindowExposed(twin));
     QVERIFY(QTest::qWaitForWindowExposed(twin->drawingForm()));
     liveButton = twin->liveButton()->mapToGlobal(twin->liveButton()->rect().center());
+    columnInPlace = twin->pos();
     auto* pbExit = twin->drawingForm()->findChild<QPushButton*>("pbExit");
     exitButton = pbExit->mapToGlobal(pbExit->rect().center());
     // A message in the form moves the exit button down.
@@ -120,10 +124,12 @@ bool ApplicationTest::startProgram(QProcess& program, const QString& executable,
     program.start(executable, QStringList());
     if (!program.waitForStarted())
         return false;
+    // The column is first shown where the screen's size puts it, then set beside the frame:
+    // the buttons are only where they were measured once it stands there.
     QDeadlineTimer deadline(30000);
-    while (!programWindowsShown() && !deadline.hasExpired())
+    while (columnPosition() != columnInPlace && !deadline.hasExpired())
         QTest::qWait(50);
-    return programWindowsShown();
+    return columnPosition() == columnInPlace;
 }
 
 void ApplicationTest::streamsStopsAndExitsWithZero() {
