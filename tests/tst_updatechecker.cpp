@@ -131,9 +131,19 @@ private slots:
 private:
     // Starts `checker` and returns the one reply it created.
     static QNetworkReply* startAndTakeReply(UpdateChecker& checker);
+    // Starts the check and waits until its reply has been scheduled for deletion and is gone.
+    static bool checkUntilReplyIsGone(UpdateChecker& checker);
 
     QtMessageHandler previousHandler = nullptr;
 };
+
+bool TestUpdateChecker::checkUntilReplyIsGone(UpdateChecker& checker) {
+    QNetworkReply* reply = startAndTakeReply(checker);
+    if (!reply)
+        return false;
+    QSignalSpy deleted(reply, &QObject::destroyed);
+    return deleted.wait(5000);
+}
 
 void TestUpdateChecker::init() {
     {
@@ -328,10 +338,7 @@ void TestUpdateChecker::sendsOneGetAndLogsResponse() {
     qputenv("BRINDLEWAVE_UPDATE_URL", server.baseUrl().toUtf8());
 
     UpdateChecker checker(nullptr);
-    QNetworkReply* reply = startAndTakeReply(checker);
-    QVERIFY(reply);
-    QSignalSpy deleted(reply, &QObject::destroyed);
-    QVERIFY(deleted.wait(5000));
+    QVERIFY(checkUntilReplyIsGone(checker));
 
     QCOMPARE(server.requestLines,
              QStringList{QStringLiteral("GET %1 HTTP/1.1").arg(checker.buildPath())});
@@ -363,10 +370,7 @@ void TestUpdateChecker::reportsStatusOtherThan200() {
     qputenv("BRINDLEWAVE_UPDATE_URL", server.baseUrl().toUtf8());
 
     UpdateChecker checker(nullptr);
-    QNetworkReply* reply = startAndTakeReply(checker);
-    QVERIFY(reply);
-    QSignalSpy deleted(reply, &QObject::destroyed);
-    QVERIFY(deleted.wait(5000));
+    QVERIFY(checkUntilReplyIsGone(checker));
 
     QCOMPARE(server.requestLines.size(), 1);
     const QList<Message> logged = checkerMessages();
@@ -382,10 +386,7 @@ void TestUpdateChecker::reportsRefusedConnection() {
     qputenv("BRINDLEWAVE_UPDATE_URL", QByteArray("http://127.0.0.1:") + QByteArray::number(port));
 
     UpdateChecker checker(nullptr);
-    QNetworkReply* reply = startAndTakeReply(checker);
-    QVERIFY(reply);
-    QSignalSpy deleted(reply, &QObject::destroyed);
-    QVERIFY(deleted.wait(5000));
+    QVERIFY(checkUntilReplyIsGone(checker));
 
     const QList<Message> logged = checkerMessages();
     QCOMPARE(logged.size(), 1);
