@@ -1,9 +1,14 @@
+#include "frame/drawingform.h"
+#include "frame/wcapture.h"
 #include "mainwindow.h"
 #include "support/messagecapture.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QtTest>
@@ -21,6 +26,7 @@ private Q_SLOTS:
     void configurationValues_data();
     void configurationValues();
     void onlyOneCallerEverSeesZero();
+    void globalStateReachesTheFormAndTheLiveButton();
 
 private:
     QString configPath() const { return QCoreApplication::applicationDirPath() + "/config.ini"; }
@@ -122,6 +128,34 @@ void MainWindowTest::onlyOneCallerEverSeesZero() {
         caller.join();
     QCOMPARE(zeros.load(), 1);
     QCOMPARE(window.testAndSetOnce(), 1);
+}
+
+void MainWindowTest::globalStateReachesTheFormAndTheLiveButton() {
+    // Earlier windows of this test leave their capture apparatus behind: take the new one.
+    const QWidgetList before = QApplication::topLevelWidgets();
+    MainWindow window;
+    WCapture* capture = nullptr;
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (!before.contains(widget) && qobject_cast<WCapture*>(widget))
+            capture = qobject_cast<WCapture*>(widget);
+    QVERIFY(capture);
+    auto* message = capture->drawingForm()->findChild<QLabel*>("lblMessage");
+    QVERIFY(message);
+
+    globalState->changeStatus("Server is full", 0);
+    QVERIFY(message->isVisible());
+    QCOMPARE(message->text(), QString("Server is full"));
+
+    // A click on the live button as the user would make it: with no address in the form the
+    // start fails and says so.
+    capture->drawingForm()->findChild<QLineEdit*>("leHostPort")->clear();
+    QSignalSpy switched(capture, &WCapture::switchLive);
+    globalState->clickLive();
+    QCOMPARE(switched.count(), 1);
+    QCOMPARE(switched.at(0).at(0).toBool(), true);
+    QCOMPARE(message->text(), QString("SRT address must be HOST:PORT"));
+    QVERIFY(!capture->liveButton()->isChecked());
+    capture->hide();
 }
 
 QTEST_MAIN(MainWindowTest)
