@@ -3,18 +3,10 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
-xvfb_pid=""
-cleanup() { [[ -n "$xvfb_pid" ]] && kill "$xvfb_pid" 2>/dev/null || true; }
-trap cleanup EXIT
+source "$root/scripts/xvfb.sh"
 
 if [[ -z "${DISPLAY:-}" ]]; then
-    fifo=$(mktemp -u)
-    mkfifo "$fifo"
-    Xvfb -displayfd 3 -screen 0 1920x1080x24 -nolisten tcp 3>"$fifo" >/dev/null 2>&1 &
-    xvfb_pid=$!
-    read -r -t 20 display <"$fifo"
-    rm -f "$fifo"
-    export DISPLAY=":$display"
+    start_xvfb
     echo "X server on $DISPLAY"
 fi
 export QT_QPA_PLATFORM=xcb
