@@ -29,7 +29,7 @@ void MainWindow::need_reconnect() {}
 void MainWindow::reconnect() {}
 
 void MainWindow::switchLive(bool on) {
-    logLine("switchLive ", on);
+    logLine("switchLive", on);
     if (on)
         captureStreamer->try_connect();
     else

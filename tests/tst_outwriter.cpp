@@ -265,9 +265,11 @@ void TestOutWriter::endsStreamWhenEncoderCannotBeSetUp_data() {
         << "libx264rgb" << 320
         << "OUTWriter selected encoder does not report pixel format support: libx264rgb "
            "pix_fmt=yuv420p";
-    // NVENC is registered but has no GPU to open on this machine.
-    QTest::newRow("hardware encoder without hardware")
-        << "h264_nvenc" << 320 << "OUTWriter failed to open encoder: ";
+    // VAAPI takes only hardware surfaces, so it is refused on every machine, with or without a GPU.
+    QTest::newRow("hardware surfaces only")
+        << "h264_vaapi" << 320
+        << "OUTWriter selected encoder does not report pixel format support: h264_vaapi "
+           "pix_fmt=yuv420p";
     QTest::newRow("odd width refused by the encoder")
         << "libx264" << 321 << "OUTWriter failed to open encoder: ";
 }

@@ -150,8 +150,8 @@ WCapture::WCapture() : IWCapture(nullptr), ui(std::make_unique<Ui>()) {
         screenIndex < screens.size() ? screens.at(screenIndex)->geometry() : QRect(0, 0, 1280, 720);
     // Only the screen's size counts here, not its origin.
     move(screen.width() - 1280, screen.height() - 720);
-    logLine("screen:", screen.x(), " ", screen.y(), " ", screen.width(), "x", screen.height());
-    logLine("move: ", x(), " ", y());
+    logLine("screen:", screen.x(), screen.y(), screen.width(), "x", screen.height());
+    logLine("move: ", x(), y());
 
     captureRect.store(frame->geometry().adjusted(5, 5, -5, -5));
     glueActive = true;
