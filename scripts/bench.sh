@@ -7,6 +7,7 @@ seconds=${BENCH_SECONDS:-20}
 
 run() {
     "$root/build/bench/bench_outwriter" 250
+    "$root/build/bench/bench_scaler" 100
     "$root/build/bench/bench_capture" "$seconds"
 }
 
