@@ -37,6 +37,9 @@ void ScreenClock::paintEvent(QPaintEvent*) {
 }
 
 bool ScreenClock::read(const uint8_t* luma, int stride, int width, int height, uint32_t& ms) {
+    // Too small a picture to hold the blocks with room around their middles.
+    if (width < bits * 8 || height < 200)
+        return false;
     uint32_t rows[2] = {0, 0};
     for (int row = 0; row < 2; ++row) {
         const int y = static_cast<int>((row + 0.5) / 2 * bandFraction * height);
