@@ -1,18 +1,15 @@
 #!/usr/bin/env bash
 # Runs the benchmark programs, on an X server of our own when none is set.
+# BENCH_SECONDS: length of each measured run of bench_capture (default 20; 60 for figures).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-seconds=${BENCH_SECONDS:-60}
+seconds=${BENCH_SECONDS:-20}
 
-run() {
-    "$root/build/bench/bench_outwriter" 250
-    "$root/build/bench/bench_capture" "$seconds"
-}
-
+# Started again inside xvfb-run: a shell function would not survive its /bin/sh.
 if [[ -z "${DISPLAY:-}" ]]; then
-    export -f run
-    export root seconds
-    xvfb-run -a -s "-screen 0 1920x1080x24 -nolisten tcp" bash -c run
-else
-    run
+    exec xvfb-run -a -s "-screen 0 1920x1080x24 -nolisten tcp" "$0" "$@"
 fi
+
+"$root/build/bench/bench_outwriter" 250
+"$root/build/bench/bench_scaler" 100
+"$root/build/bench/bench_capture" "$seconds"

@@ -9,6 +9,7 @@ packages=(
     libsrt-gnutls-dev srt-tools
     ffmpeg
     xvfb xauth xdotool
+    libyuv-dev
 )
 
 missing=()

@@ -1,0 +1,165 @@
+// The receiving end that bench_capture and bench_latency start for every sender they
+// measure, so that every sender meets the same peer: an SRT listener on 127.0.0.1 in live
+// mode with a given receiver latency, libavformat demuxing the MPEG-TS that arrives, and in
+// decode mode libavcodec decoding every picture and reading back the clock that bench_latency
+// draws under the frame.
+//
+// Usage: bench_receiver PORT LATENCY_MS count|decode
+// Prints "listening" once bound, then one line per video frame:
+//   frame ARRIVAL_US PTS_US LATENCY_MS
+// ARRIVAL_US on CLOCK_MONOTONIC; PTS_US the stream's time stamp; LATENCY_MS the clock read
+// from the picture subtracted from now, "-" in count mode or where the clock is unreadable.
+// Ends, printing "end", when the caller goes away.
+
+#include "support/processstats.h"
+#include "support/screenclock.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include <srt/srt.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+// The accepted connection as libavformat's input: whole SRT messages, handed out in the
+// pieces the reader asks for.
+struct SrtInput {
+    SRTSOCKET socket = SRT_INVALID_SOCK;
+    char message[1500];
+    int length = 0;
+    int offset = 0;
+    bool ended = false;
+};
+
+int readInput(void* opaque, uint8_t* buffer, int size) {
+    auto* input = static_cast<SrtInput*>(opaque);
+    if (input->offset == input->length) {
+        if (input->ended)
+            return AVERROR_EOF;
+        input->length =
+            std::max(0, srt_recvmsg(input->socket, input->message, sizeof input->message));
+        input->offset = 0;
+        // The caller is gone: the reader may still ask again.
+        input->ended = input->length == 0;
+        if (input->ended)
+            return AVERROR_EOF;
+    }
+    const int piece = std::min(size, input->length - input->offset);
+    std::memcpy(buffer, input->message + input->offset, static_cast<std::size_t>(piece));
+    input->offset += piece;
+    return piece;
+}
+
+SRTSOCKET listenAndAccept(uint16_t port, int latencyMs) {
+    const SRTSOCKET listener = srt_create_socket();
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (srt_setsockflag(listener, SRTO_RCVLATENCY, &latencyMs, sizeof latencyMs) != 0 ||
+        srt_bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        srt_listen(listener, 1) != 0) {
+        std::fprintf(stderr, "cannot listen on 127.0.0.1:%u: %s\n", port, srt_getlasterror_str());
+        return SRT_INVALID_SOCK;
+    }
+    std::printf("listening\n");
+    std::fflush(stdout);
+    const SRTSOCKET peer = srt_accept(listener, nullptr, nullptr);
+    srt_close(listener);
+    return peer;
+}
+
+long long micros(int64_t pts, AVRational timeBase) {
+    return pts == AV_NOPTS_VALUE ? -1 : av_rescale_q(pts, timeBase, AVRational{1, 1000000});
+}
+
+void report(long long ptsUs, const AVFrame* picture) {
+    const long long arrival = monotonicMicros();
+    uint32_t shown = 0;
+    if (picture && ScreenClock::read(picture->data[0], picture->linesize[0], picture->width,
+                                     picture->height, shown)) {
+        const auto latency = static_cast<int32_t>(ScreenClock::nowMs() - shown);
+        std::printf("frame %lld %lld %d\n", arrival, ptsUs, latency);
+    } else {
+        std::printf("frame %lld %lld -\n", arrival, ptsUs);
+    }
+    std::fflush(stdout);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 4) {
+        std::fprintf(stderr, "usage: bench_receiver PORT LATENCY_MS count|decode\n");
+        return 2;
+    }
+    const bool decode = std::string(argv[3]) == "decode";
+    av_log_set_level(AV_LOG_ERROR);
+    srt_startup();
+    SrtInput input;
+    input.socket = listenAndAccept(static_cast<uint16_t>(std::atoi(argv[1])), std::atoi(argv[2]));
+    if (input.socket == SRT_INVALID_SOCK)
+        return 1;
+
+    constexpr int ioSize = 4096;
+    auto* ioBuffer = static_cast<uint8_t*>(av_malloc(ioSize));
+    AVIOContext* io = avio_alloc_context(ioBuffer, ioSize, 0, &input, &readInput, nullptr, nullptr);
+    AVFormatContext* format = avformat_alloc_context();
+    format->pb = io;
+    format->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_NOBUFFER;
+    // A short look at the start is enough: the program table comes first.
+    format->probesize = 188 * 64;
+    if (avformat_open_input(&format, nullptr, av_find_input_format("mpegts"), nullptr) < 0) {
+        std::fprintf(stderr, "cannot read MPEG-TS from the caller\n");
+        return 1;
+    }
+
+    const AVCodec* decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
+    AVCodecContext* codec = avcodec_alloc_context3(decoder);
+    // One thread, no frame delay: each picture leaves the decoder as soon as it is complete.
+    codec->thread_count = 1;
+    codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    if (decode && avcodec_open2(codec, decoder, nullptr) < 0) {
+        std::fprintf(stderr, "cannot open the H.264 decoder\n");
+        return 1;
+    }
+    AVPacket* packet = av_packet_alloc();
+    AVFrame* picture = av_frame_alloc();
+    while (av_read_frame(format, packet) >= 0) {
+        const AVStream* stream = format->streams[packet->stream_index];
+        if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
+            av_packet_unref(packet);
+            continue;
+        }
+        if (!decode) {
+            report(micros(packet->pts, stream->time_base), nullptr);
+        } else if (avcodec_send_packet(codec, packet) >= 0) {
+            while (avcodec_receive_frame(codec, picture) >= 0)
+                report(micros(picture->best_effort_timestamp, stream->time_base), picture);
+        }
+        av_packet_unref(packet);
+    }
+    std::printf("end\n");
+    std::fflush(stdout);
+
+    av_frame_free(&picture);
+    av_packet_free(&packet);
+    avcodec_free_context(&codec);
+    avformat_close_input(&format);
+    av_freep(&io->buffer);
+    avio_context_free(&io);
+    srt_close(input.socket);
+    srt_cleanup();
+    return 0;
+}

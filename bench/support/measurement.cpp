@@ -1,0 +1,169 @@
+#include "measurement.h"
+
+#include "processstats.h"
+#include "support/freeport.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QProcess>
+#include <QTimer>
+
+#include <algorithm>
+#include <cmath>
+#include <sstream>
+
+namespace {
+
+constexpr int warmUpMs = 3000;
+constexpr int ticksPerSecond = 25;
+
+struct Arrival {
+    long long arrivalUs = 0;
+    long long ptsUs = -1;
+    bool readable = false;
+    double latencyMs = 0;
+};
+
+// The receiver's output, read line by line while the event loop turns.
+class ReceiverOutput {
+public:
+    explicit ReceiverOutput(QProcess& process) : process(process) {}
+
+    // Turns the event loop until the predicate holds or the time is up.
+    template <typename Predicate> bool waitFor(int timeoutMs, Predicate done) {
+        QDeadlineTimer deadline(timeoutMs);
+        for (;;) {
+            readLines();
+            if (done())
+                return true;
+            if (deadline.hasExpired())
+                return false;
+            turnEventLoop(20);
+        }
+    }
+    void pause(int ms) {
+        waitFor(ms, [] { return false; });
+    }
+
+    bool listening = false;
+    bool ended = false;
+    std::vector<Arrival> arrivals;
+
+private:
+    void readLines() {
+        while (process.canReadLine()) {
+            const std::string line = process.readLine().trimmed().toStdString();
+            if (line == "listening")
+                listening = true;
+            else if (line == "end")
+                ended = true;
+            else if (line.rfind("frame ", 0) == 0)
+                arrivals.push_back(parse(line));
+        }
+    }
+    static Arrival parse(const std::string& line) {
+        std::istringstream fields(line.substr(6));
+        Arrival arrival;
+        std::string latency;
+        fields >> arrival.arrivalUs >> arrival.ptsUs >> latency;
+        arrival.readable = !latency.empty() && latency != "-";
+        if (arrival.readable)
+            arrival.latencyMs = std::stod(latency);
+        return arrival;
+    }
+
+    QProcess& process;
+};
+
+void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long long fromUs,
+               long long toUs) {
+    const Arrival* first = nullptr;
+    const Arrival* last = nullptr;
+    for (const Arrival& arrival : arrivals) {
+        if (arrival.arrivalUs < fromUs || arrival.arrivalUs >= toUs)
+            continue;
+        ++result.frames;
+        if (!first)
+            first = &arrival;
+        last = &arrival;
+        if (arrival.readable)
+            result.latency.push_back(arrival.latencyMs);
+        else
+            ++result.unreadable;
+    }
+    result.seconds = static_cast<double>(toUs - fromUs) / 1e6;
+    result.missed =
+        std::max(0, static_cast<int>(std::lround(result.seconds * ticksPerSecond)) - result.frames);
+    if (first && last != first && last->ptsUs >= 0 && first->ptsUs >= 0)
+        result.clockPerWall = static_cast<double>(last->ptsUs - first->ptsUs) /
+                              static_cast<double>(last->arrivalUs - first->arrivalUs);
+}
+
+} // namespace
+
+Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decode) {
+    Measurement result;
+    const uint16_t port = freeLoopbackPort(true);
+    QProcess receiver;
+    receiver.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    receiver.start(
+        QCoreApplication::applicationDirPath() + "/bench_receiver",
+        {QString::number(port), QString::number(latencyMs), decode ? "decode" : "count"});
+    ReceiverOutput output(receiver);
+    if (!output.waitFor(10000, [&] { return output.listening; })) {
+        result.error = "the receiver did not start";
+        return result;
+    }
+    if (!sender.start(port, latencyMs)) {
+        result.error = sender.error;
+        receiver.kill();
+        receiver.waitForFinished();
+        return result;
+    }
+    const bool flowing = output.waitFor(30000, [&] { return !output.arrivals.empty(); });
+    if (flowing) {
+        output.pause(warmUpMs);
+        const long long from = monotonicMicros();
+        const ProcessSample start = sampleProcess(sender.pid());
+        output.pause(seconds * 500);
+        const ProcessSample middle = sampleProcess(sender.pid());
+        output.pause(seconds * 500);
+        const long long to = monotonicMicros();
+        const ProcessSample end = sampleProcess(sender.pid());
+
+        summarise(result, output.arrivals, from, to);
+        result.residentMb[0] = start.residentMb;
+        result.residentMb[1] = middle.residentMb;
+        result.residentMb[2] = end.residentMb;
+        result.peakMb = end.peakMb;
+        if (result.frames > 0)
+            result.cpuMsPerFrame = (end.cpuSeconds - start.cpuSeconds) * 1000 / result.frames;
+        result.ok = result.frames > 0 && end.peakMb > 0;
+        if (!result.ok)
+            result.error = "no frame arrived in the measured window";
+    }
+    sender.stop();
+    if (!flowing)
+        result.error = "no frame arrived" + (sender.error.empty() ? "" : ": " + sender.error);
+    output.waitFor(3000, [&] { return output.ended; });
+    receiver.kill();
+    receiver.waitForFinished();
+    return result;
+}
+
+void turnEventLoop(int ms) {
+    // Sleeps in the event loop: a busy loop would be counted to the sender in this process.
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+double percentile(std::vector<double> values, double fraction) {
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    const std::size_t index =
+        std::min(values.size() - 1, static_cast<std::size_t>(fraction * (values.size() - 1) + 0.5));
+    return values[index];
+}
