@@ -9,6 +9,7 @@ packages=(
     libsrt-gnutls-dev srt-tools
     ffmpeg
     xvfb xauth xdotool
+    g++-mingw-w64-x86-64-posix wine64
 )
 
 missing=()
