@@ -5,8 +5,6 @@
 #include "platform/logstream.h"
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
 std::ostream* logStream = nullptr;
@@ -29,17 +27,6 @@ long long steadyMilliseconds() {
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-std::string fileName(const std::string& prefix, int year, int month, int day, int hour, int minute,
-                     int second) {
-    const std::string format = prefix + "_%d_%02d_%02d_%02d_%02d_%02d.txt";
-    const int length =
-        std::snprintf(nullptr, 0, format.c_str(), year, month, day, hour, minute, second);
-    std::string name(static_cast<std::size_t>(length) + 1, '\0');
-    std::snprintf(name.data(), name.size(), format.c_str(), year, month, day, hour, minute, second);
-    name.pop_back();
-    return name;
-}
-
 } // namespace logfile
 
 void openLogFile(std::string prefix) {
@@ -51,11 +38,7 @@ void openLogFile(std::string prefix) {
 
     const std::string name =
         logfile::fileName(prefix, now.year, now.month, now.day, now.hour, now.minute, now.second);
-    // A path that does not fit the platform's path buffer is a parameter error, as it is for
-    // the bounded formatter the name is written with, not something to truncate silently.
-    if (folder.size() + name.size() + 1 > platform::maxPath)
-        std::abort();
-    const std::string path = folder + name;
+    const std::string path = logfile::filePath(folder, name);
 
     logLine("log to file: ", path);
     logStream = platform::openLogStream(path);

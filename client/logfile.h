@@ -1,5 +1,7 @@
 #pragma once
 
+#include "logfilepath.h"
+
 #include <QDebug>
 #include <QString>
 #include <ostream>
@@ -18,10 +20,6 @@ inline std::ostream& operator<<(std::ostream& out, const QString& text) {
 }
 
 namespace logfile {
-
-// The file-name part behind the folder, from one reading of the local time.
-std::string fileName(const std::string& prefix, int year, int month, int day, int hour, int minute,
-                     int second);
 
 long long steadyMilliseconds();
 

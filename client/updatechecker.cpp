@@ -1,13 +1,13 @@
 #include "updatechecker.h"
 
 #include "platform/firmwaretable.h"
+#include "systemuuid.h"
 
 #include <QDebug>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QTimer>
 #include <QUrl>
-#include <algorithm>
 #include <vector>
 
 namespace {
@@ -19,10 +19,6 @@ const char* const build = "11";
 constexpr int runningCheckDelayMs = 5000;
 constexpr int expectedStatus = 200;
 
-constexpr std::size_t rsmbHeaderSize = 8;
-constexpr uint8_t systemInformationType = 1;
-constexpr uint8_t minSystemInformationLength = 24;
-constexpr std::size_t uuidOffset = 8;
 constexpr int littleEndianUuidVersion = 0x0206;
 
 QString updateBaseUrl() {
@@ -109,48 +105,10 @@ QString formatSmbiosUuid(const std::array<uint8_t, 16>& uuid, int version) {
 }
 
 QString hostIdFromSmbiosTable(const uint8_t* table, std::size_t size) {
-    if (size < rsmbHeaderSize)
+    SystemUuid uuid;
+    if (!findSystemUuid(table, size, uuid))
         return QString();
-    const uint32_t length = static_cast<uint32_t>(table[4]) | static_cast<uint32_t>(table[5]) << 8 |
-                            static_cast<uint32_t>(table[6]) << 16 |
-                            static_cast<uint32_t>(table[7]) << 24;
-    if (length != size - rsmbHeaderSize)
-        return QString();
-    const int version = table[1] * 256 + table[2];
-    const uint8_t* const data = table + rsmbHeaderSize;
-
-    // Every bound is checked as a count of bytes left, so no pointer ever leaves the data.
-    std::size_t at = 0;
-    for (;;) {
-        if (length - at < 4)
-            return QString();
-        const uint8_t type = data[at];
-        const uint8_t formattedLength = data[at + 1];
-        if (formattedLength == 0 || formattedLength > length - at)
-            return QString();
-        if (type == systemInformationType && formattedLength >= minSystemInformationLength)
-            break;
-
-        // The string set behind the formatted area ends with two zero bytes.
-        std::size_t scan = at + formattedLength;
-        while (scan + 1 < length && !(data[scan] == 0 && data[scan + 1] == 0))
-            ++scan;
-        if (scan + 1 >= length)
-            return QString();
-        at = scan + 2;
-    }
-
-    std::array<uint8_t, 16> uuid{};
-    std::copy(data + at + uuidOffset, data + at + uuidOffset + uuid.size(), uuid.begin());
-    bool allZero = true;
-    bool allOnes = true;
-    for (const uint8_t byte : uuid) {
-        allZero = allZero && byte == 0x00;
-        allOnes = allOnes && byte == 0xFF;
-    }
-    if (allZero || allOnes)
-        return QString();
-    return formatSmbiosUuid(uuid, version);
+    return formatSmbiosUuid(uuid.bytes, uuid.version);
 }
 
 QString readHostId() {

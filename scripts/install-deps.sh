@@ -10,6 +10,7 @@ packages=(
     ffmpeg
     xvfb xauth xdotool
     libyuv-dev
+    g++-mingw-w64-x86-64-posix wine64
 )
 
 missing=()

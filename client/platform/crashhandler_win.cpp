@@ -10,23 +10,33 @@ namespace platform {
 
 namespace {
 
-// The crash reporter's published installation record (wide-character variant). Only the
-// fields the program sets are named; everything else stays zero, the library's defaults.
+// The crash reporter's published installation record (wide-character variant), field by
+// field as the library reads it. Only the fields the program sets are used; everything else
+// stays zero, the library's defaults.
 struct CrashInstallInfo {
-    DWORD size;
+    WORD size;
     const wchar_t* applicationName;
     const wchar_t* applicationVersion;
     const wchar_t* emailTo;
     const wchar_t* emailSubject;
     const wchar_t* url;
     const wchar_t* senderPath;
+    void* crashCallback;
     UINT priorities[5];
     DWORD flags;
     const wchar_t* privacyPolicyUrl;
     const wchar_t* debugHelpDll;
     int miniDumpType;
     const wchar_t* reportSaveFolder;
-    unsigned char remaining[184 - 112];
+    const wchar_t* restartCommandLine;
+    const wchar_t* languageFile;
+    const wchar_t* emailText;
+    const wchar_t* smtpProxy;
+    const wchar_t* senderIcon;
+    const wchar_t* smtpLogin;
+    const wchar_t* smtpPassword;
+    int restartTimeout;
+    int maxReportsPerDay;
 };
 #if defined(_WIN64)
 static_assert(sizeof(CrashInstallInfo) == 184, "the reporter checks the record's size");
@@ -55,17 +65,18 @@ bool installCrashHandler(const char* name, const char* version, const std::strin
 
     CrashInstallInfo info;
     std::memset(&info, 0, sizeof info);
-    info.size = sizeof info;
+    info.size = static_cast<WORD>(sizeof info);
     info.applicationName = applicationName;
     info.applicationVersion = applicationVersion;
     info.flags = keepLocallyAsZip;
     info.reportSaveFolder = reportFolder;
 
     // Loaded at run time so that a missing library means "not installed", not a program that
-    // cannot start.
+    // cannot start. Texts are printed with "%ls": MinGW's standard printf would read "%s" in a
+    // wide format as a narrow text.
     HMODULE library = LoadLibraryA("CrashRpt1403.dll");
     if (!library) {
-        std::wprintf(L"%s\n", L"CrashRpt1403.dll is not installed");
+        std::wprintf(L"%ls\n", L"CrashRpt1403.dll is not installed");
         return false;
     }
     const auto install = reinterpret_cast<InstallFunction>(
@@ -76,7 +87,7 @@ bool installCrashHandler(const char* name, const char* version, const std::strin
         wchar_t message[256] = {};
         if (lastError)
             lastError(message, 256);
-        std::wprintf(L"%s\n", message);
+        std::wprintf(L"%ls\n", message);
         return false;
     }
     return true;

@@ -18,7 +18,13 @@ bool logFolder(std::string& folder) {
     const HRESULT result = SHGetFolderPathAndSubDirA(nullptr, commonAppDataCreate, nullptr, 0,
                                                      "\\Myrtlebrook\\Brindlewave\\logs\\", path);
     folder = path;
-    return SUCCEEDED(result);
+    if (FAILED(result))
+        return false;
+    // Windows keeps the sub-folder text's trailing backslash, Wine drops it; the file name
+    // goes right behind the folder either way.
+    if (folder.empty() || folder.back() != '\\')
+        folder += '\\';
+    return true;
 }
 
 std::string dataFolder() {

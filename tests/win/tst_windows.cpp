@@ -1,0 +1,202 @@
+// The Windows platform layer on the Windows API itself: CTest runs it under Wine in a fresh
+// prefix. Plain checks, a summary, and a non-zero exit code when one fails.
+#include "crashreporting.h"
+#include "installrecord.h"
+#include "logfilepath.h"
+#include "platform/datafolder.h"
+#include "platform/firmwaretable.h"
+#include "platform/localtime.h"
+#include "platform/logstream.h"
+#include "startup.h"
+#include "systemuuid.h"
+
+#include <windows.h>
+
+#include <shlobj.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+int passed = 0;
+int failed = 0;
+long liveAllocations = 0;
+
+void check(bool ok, const char* what) {
+    ++(ok ? passed : failed);
+    std::printf("%s  %s\n", ok ? "PASS" : "FAIL", what);
+}
+
+bool isFolder(const std::string& path) {
+    const DWORD attributes = GetFileAttributesA(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+std::string standinFolder() {
+    const std::string self = _pgmptr;
+    return self.substr(0, self.rfind('\\')) + "\\standin";
+}
+
+// Runs this program again through the command shell; returns its exit code, its output in
+// `childOutput`.
+std::string childOutput;
+int runChild(const std::wstring& arguments) {
+    const std::wstring line = L"\"\"" + std::wstring(_wpgmptr) + L"\" " + arguments + L" 2>NUL\"";
+    std::FILE* child = _wpopen(line.c_str(), L"rb");
+    char chunk[256];
+    childOutput.clear();
+    for (std::size_t got; (got = std::fread(chunk, 1, sizeof chunk, child)) > 0;)
+        childOutput.append(chunk, got);
+    return _pclose(child);
+}
+
+const char* const nonAsciiInCp1252 = "Gr\xFC\xDF"
+                                     "e aus K\xF6ln am Rhein";
+
+} // namespace
+
+// Counted, so that the entry child can tell that the narrow arguments were freed.
+void* operator new(std::size_t size) {
+    if (void* block = std::malloc(size ? size : 1)) {
+        ++liveAllocations;
+        return block;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept {
+    if (block) {
+        --liveAllocations;
+        std::free(block);
+    }
+}
+void operator delete(void* block, std::size_t) noexcept {
+    operator delete(block);
+}
+
+// The entry function as the Windows entry calls it, in the "entry" child.
+int runClient(int argc, char** argv) {
+    const bool asExpected = GetACP() == 1252 && argc == 4 && std::strcmp(argv[1], "entry") == 0 &&
+                            std::strcmp(argv[2], nonAsciiInCp1252) == 0 &&
+                            std::strcmp(argv[3], "plain") == 0 && argv[4] == nullptr;
+    return asExpected ? 7 : 1;
+}
+
+int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "entry") {
+        const long before = liveAllocations;
+        const int result = WinMain(GetModuleHandleW(nullptr), nullptr, GetCommandLineA(), 0);
+        return liveAllocations == before ? result : 99;
+    }
+    if (mode == "longname") {
+        std::string logs;
+        platform::logFolder(logs);
+        logfile::filePath(logs, logfile::fileName(std::string(240, 'p'), 2025, 3, 5, 9, 7, 3));
+        return 0;
+    }
+    if (mode == "refused") {
+        SetDllDirectoryA(standinFolder().c_str());
+        SetEnvironmentVariableA("STANDIN_REFUSE", "1");
+        return installCrashReporting() ? 1 : 0;
+    }
+
+    char common[MAX_PATH] = {};
+    SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, common);
+    const std::string product = std::string(common) + "\\Myrtlebrook\\Brindlewave";
+    check(!isFolder(std::string(common) + "\\Myrtlebrook"), "a fresh machine has no data folder");
+    std::string logs;
+    check(platform::logFolder(logs) && logs == product + "\\logs\\" && isFolder(logs),
+          "SHGetFolderPathAndSubDirA creates the logs chain; the folder ends in one backslash");
+    RemoveDirectoryA((product + "\\logs").c_str());
+    RemoveDirectoryA(product.c_str());
+    RemoveDirectoryA((std::string(common) + "\\Myrtlebrook").c_str());
+    const std::string data = platform::dataFolder();
+    check(data == product && isFolder(data), "SHGetFolderPathAndSubDirW creates the data folder");
+    check(platform::crashFolder(data) == product + "\\crashs", "crash folder ends in \\crashs");
+    platform::logFolder(logs);
+
+    platform::WallClock now;
+    SYSTEMTIME before{}, after{};
+    do {
+        GetLocalTime(&before);
+        now = platform::localTime();
+        GetLocalTime(&after);
+    } while (before.wSecond != after.wSecond);
+    check(now.year == before.wYear && now.month == before.wMonth && now.day == before.wDay &&
+              now.hour == before.wHour && now.minute == before.wMinute &&
+              now.second == before.wSecond,
+          "the local time is GetLocalTime's");
+    check(logfile::fileName("brindle_client", 2025, 3, 5, 9, 7, 3) ==
+              "brindle_client_2025_03_05_09_07_03.txt",
+          "log file name format");
+    const std::string name = logfile::fileName("brindle_client", now.year, now.month, now.day,
+                                               now.hour, now.minute, now.second);
+    std::ostream* log = platform::openLogStream(logfile::filePath(logs, name));
+    *log << "first" << std::endl;
+    const std::string inLogs = product + "\\logs\\" + name;
+    HANDLE second =
+        CreateFileA(inLogs.c_str(), GENERIC_READ | GENERIC_WRITE,
+                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    char text[32] = {};
+    DWORD count = 0;
+    check(second != INVALID_HANDLE_VALUE &&
+              ReadFile(second, text, sizeof text - 1, &count, nullptr) &&
+              std::strcmp(text, "first\r\n") == 0,
+          "the open log file lies in logs and a second handle reads it");
+    check(WriteFile(second, "second\r\n", 8, &count, nullptr) && count == 8,
+          "a second handle writes the open log file");
+    CloseHandle(second);
+    check(runChild(L"longname") == 3, "a name too long for 260 characters aborts");
+
+    const uint32_t size = platform::rawSmbiosTable(nullptr, 0);
+    std::vector<uint8_t> table(size);
+    const bool fetched = size > 8 && platform::rawSmbiosTable(table.data(), size) == size;
+    SystemUuid uuid;
+    const bool found = fetched && findSystemUuid(table.data(), size, uuid);
+    char hex[33] = "none";
+    for (std::size_t i = 0; found && i < uuid.bytes.size(); ++i)
+        std::snprintf(hex + 2 * i, 3, "%02x", uuid.bytes[i]);
+    std::printf("note: 'RSMB' table of %u bytes, SMBIOS %d.%d, system UUID %s\n", size,
+                fetched ? table[1] : 0, fetched ? table[2] : 0, hex);
+    // Wine stores the D-Bus machine id's bytes there, or all 0xFF (no identifier) without one.
+    char machineId[33] = "none";
+    if (std::FILE* file = std::fopen("Z:\\var\\lib\\dbus\\machine-id", "r")) {
+        std::fscanf(file, "%32s", machineId);
+        std::fclose(file);
+    }
+    check(fetched && std::strcmp(hex, machineId) == 0, "the firmware table's walk finds its UUID");
+
+    check(!installCrashReporting(), "without CrashRpt1403.dll the installer returns false");
+    SetDllDirectoryA(standinFolder().c_str());
+    check(installCrashReporting(), "the stand-in library accepts the installation");
+    using RecordFunction = const InstallRecord* (*)();
+    const auto recordSeen = reinterpret_cast<RecordFunction>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleA("CrashRpt1403.dll"), "standinRecord")));
+    InstallRecord record = *recordSeen();
+    check(record.size == 184 && record.flags == 0x88000 && record.applicationName &&
+              std::wcscmp(record.applicationName, L"Brindlewave") == 0 &&
+              record.applicationVersion && std::wcscmp(record.applicationVersion, L"0.1") == 0,
+          "record of size 184, flags 0x88000, name \"Brindlewave\", version \"0.1\"");
+    check(record.reportSaveFolder && std::wstring(record.reportSaveFolder) ==
+                                         std::wstring(data.begin(), data.end()) + L"\\crashs",
+          "record's report folder is the data folder's \\crashs");
+    record.size = 0;
+    record.flags = 0;
+    record.applicationName = record.applicationVersion = record.reportSaveFolder = nullptr;
+    const InstallRecord zero{};
+    check(std::memcmp(&record, &zero, sizeof record) == 0, "every other field is zero");
+    check(runChild(L"refused") == 0 && childOutput == STANDIN_REFUSAL "\r\n",
+          "a refused installation prints the library's text and a new line");
+
+    check(runChild(L"entry \"Gr\u00FC\u00DFe aus K\u00F6ln am Rhein\" plain") == 7,
+          "wide arguments reach the entry in code page 0; the narrow copies are freed");
+
+    std::printf("%d passed, %d failed\n", passed, failed);
+    return failed == 0 ? 0 : 1;
+}
