@@ -51,7 +51,8 @@ public:
     OUTWriter(const OUTWriter&) = delete;
     OUTWriter& operator=(const OUTWriter&) = delete;
 
-    // Connects to the server; encoder and muxer wait for the first frame, whose size they take.
+    // Connects to the server; encoder and muxer wait for the first frame or picture. A frame
+    // gives them its own size, a picture the stream's 1920x1080.
     bool start(const StreamParams& newSettings);
     // data: rows of packed R, G, B bytes, bytesPerLine apart; sizeInBytes is not needed.
     bool writeFrame(const uint8_t* data, int64_t sizeInBytes, int width, int height,
