@@ -139,7 +139,7 @@ void LivePathTest::missedTicksLeaveAGapInTheTimeStamps() {
             widestGap = std::max(widestGap, pts - previous);
         previous = pts;
     }
-    QVERIFY2(widestGap > 0.9 && widestGap < 1.5, qPrintable(QString::number(widestGap)));
+    QVERIFY2(widestGap > 0.9 && widestGap < 3, qPrintable(QString::number(widestGap)));
 }
 
 void LivePathTest::sharedMemoryGrabAndToolkitFallbackAgree() {
