@@ -2,7 +2,6 @@
 
 #include "frame/drawingform.h"
 
-#include <QImage>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -59,7 +58,7 @@ void CaptureStreamer::stop() {
     captureFrame.drawingForm()->setFormMode(2);
 }
 
-void CaptureStreamer::onTick() {
+void CaptureStreamer::onTick(int64_t dueMs) {
     std::string error;
     {
         // Workers of two runs may overlap for a tick; only one grabs and writes at a time.
@@ -67,11 +66,11 @@ void CaptureStreamer::onTick() {
         // A tick still under way when live was switched off belongs to the stopped stream.
         if (flags.stopFlag)
             return;
-        const QImage* image = captureFrame.grab();
-        if (!image)
+        const platform::GrabbedPicture* picture = captureFrame.grab();
+        if (!picture)
             return;
-        if (writer.writeFrame(image->constBits(), static_cast<int32_t>(image->sizeInBytes()),
-                              image->width(), image->height(), image->bytesPerLine()))
+        if (writer.writePicture(picture->data, picture->format, picture->width, picture->height,
+                                picture->stride, dueMs))
             return;
         flags.stopFlag = true;
         writer.stop();

@@ -20,7 +20,7 @@ public:
     WCapture& capture() { return captureFrame; }
 
     void stop();
-    void onTick() override;
+    void onTick(int64_t dueMs) override;
 
 Q_SIGNALS:
     void need_reconnect();

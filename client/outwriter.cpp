@@ -21,6 +21,8 @@ constexpr int ioBufferSize = 32768;
 constexpr const char* defaultCodec = "libopenh264";
 constexpr int defaultFps = 25;
 constexpr int defaultBitrate = 1000000;
+constexpr int streamWidth = 1920;
+constexpr int streamHeight = 1080;
 
 std::string errorText(int code) {
     char text[64] = {};
@@ -95,6 +97,7 @@ bool OUTWriter::start(const StreamParams& newSettings) {
     initialised = false;
     width = height = 0;
     frameIndex = 0;
+    lastPts = -1;
     error.clear();
     logLine("OUTWriter start. hostPort=", settings.hostPort, ", streamId=", settings.streamId,
             ", videoBitrateKbps=", settings.videoBitrateKbps,
@@ -113,24 +116,53 @@ bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int fra
                            int bytesPerLine) {
     if (!active || !data || frameWidth < 1 || frameHeight < 1 || bytesPerLine < 1)
         return false;
-    if (!initialised) {
-        if (!initEncoder(frameWidth, frameHeight) || !initOutput()) {
-            error = "Failed to initialize video encoder or MPEG-TS output";
-            releaseAll();
-            connection.close();
-            active = false;
-            return false;
-        }
-        initialised = true;
-    }
+    if (!openStream(frameWidth, frameHeight))
+        return false;
     if (frameWidth != width || frameHeight != height) {
         logLine("OUTWriter got unexpected frame size: ", frameWidth, "x", frameHeight);
         return true;
     }
-    if (encodeFrame(data, frameWidth, frameHeight, bytesPerLine))
+    // Same size in and out: only the colour conversion and chroma subsampling happen, so the
+    // fastest filter loses nothing. Time stamps count frames.
+    if (prepareScaler(AV_PIX_FMT_RGB24, width, height, SWS_FAST_BILINEAR) &&
+        encodeFrame(data, frameHeight, bytesPerLine, lastPts + 1))
         return true;
     if (error.empty())
         error = "No connection to server";
+    active = false;
+    return false;
+}
+
+bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pictureWidth,
+                             int pictureHeight, int stride, int64_t dueMs) {
+    if (!active || !data || pictureWidth < 1 || pictureHeight < 1 || stride < 1 || dueMs < 0)
+        return false;
+    if (!openStream(streamWidth, streamHeight))
+        return false;
+    // Ticks come at their own period; a tick that falls into the period of the frame before
+    // it brings nothing that stream needs, and its time stamp would not be strictly later.
+    const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
+    if (pts <= lastPts)
+        return true;
+    if (prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
+        encodeFrame(data, pictureHeight, stride, pts))
+        return true;
+    if (error.empty())
+        error = "No connection to server";
+    active = false;
+    return false;
+}
+
+bool OUTWriter::openStream(int newWidth, int newHeight) {
+    if (initialised)
+        return true;
+    if (initEncoder(newWidth, newHeight) && initOutput()) {
+        initialised = true;
+        return true;
+    }
+    error = "Failed to initialize video encoder or MPEG-TS output";
+    releaseAll();
+    connection.close();
     active = false;
     return false;
 }
@@ -199,6 +231,11 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     codec->gop_size = fps;
     codec->max_b_frames = 0;
     codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    // What the scaler's matrix and range are: players that honour the tags show true colours.
+    codec->color_primaries = AVCOL_PRI_BT709;
+    codec->color_trc = AVCOL_TRC_BT709;
+    codec->colorspace = AVCOL_SPC_BT709;
+    codec->color_range = AVCOL_RANGE_MPEG;
     if (output && output->oformat && (output->oformat->flags & AVFMT_GLOBALHEADER))
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     setEncoderOptions(codec, name);
@@ -209,26 +246,46 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
         return false;
     }
     frame = av_frame_alloc();
-    if (!frame) {
+    packet = av_packet_alloc();
+    if (!frame || !packet) {
         logLine("OUTWriter failed to allocate frame");
         return false;
     }
     frame->format = codec->pix_fmt;
     frame->width = width;
     frame->height = height;
+    frame->color_primaries = codec->color_primaries;
+    frame->color_trc = codec->color_trc;
+    frame->colorspace = codec->colorspace;
+    frame->color_range = codec->color_range;
     const int buffered = av_frame_get_buffer(frame, 32);
     if (buffered < 0) {
         logLine("OUTWriter failed to allocate frame buffer: ", errorText(buffered));
         return false;
     }
-    // Same size in and out: only the colour conversion and chroma subsampling happen, so the
-    // fastest filter loses nothing.
-    scaler = sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, codec->pix_fmt,
-                            SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+    return true;
+}
+
+bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter) {
+    if (scaler && format == scaledFormat && sourceWidth == scaledWidth &&
+        sourceHeight == scaledHeight)
+        return true;
+    scaler = sws_getCachedContext(scaler, sourceWidth, sourceHeight, format, width, height,
+                                  codec->pix_fmt, filter, nullptr, nullptr, nullptr);
+    scaledFormat = AV_PIX_FMT_NONE;
     if (!scaler) {
-        logLine("OUTWriter failed to create swscale context");
+        logLine("OUTWriter failed to create swscale context for ", sourceWidth, "x", sourceHeight,
+                " ", pixelFormatName(format));
+        error = "Failed to convert the picture for the encoder";
         return false;
     }
+    const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+    sws_setColorspaceDetails(scaler, bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
+    scaledFormat = format;
+    scaledWidth = sourceWidth;
+    scaledHeight = sourceHeight;
+    logLine("OUTWriter scales ", sourceWidth, "x", sourceHeight, " ", pixelFormatName(format),
+            " to ", width, "x", height, " ", pixelFormatName(codec->pix_fmt));
     return true;
 }
 
@@ -278,17 +335,20 @@ bool OUTWriter::initOutput() {
     return true;
 }
 
-bool OUTWriter::encodeFrame(const uint8_t* data, int, int frameHeight, int bytesPerLine) {
+bool OUTWriter::encodeFrame(const uint8_t* data, int sourceHeight, int stride, int64_t pts) {
+    // Only a copy when the encoder still holds the last picture, which the scaler must then
+    // not overwrite; the encoders here let go of it once it is sent.
     const int writable = av_frame_make_writable(frame);
     if (writable < 0) {
         logLine("OUTWriter failed to make frame writable: ", errorText(writable));
         return false;
     }
-    const uint8_t* const planes[1] = {data};
-    const int strides[1] = {bytesPerLine};
-    sws_scale(scaler, planes, strides, 0, frameHeight, frame->data, frame->linesize);
-    // Time stamps count frames, not wall-clock time: the stream plays at its nominal rate.
-    frame->pts = frameIndex++;
+    const uint8_t* const planes[4] = {data, nullptr, nullptr, nullptr};
+    const int strides[4] = {stride, 0, 0, 0};
+    sws_scale(scaler, planes, strides, 0, sourceHeight, frame->data, frame->linesize);
+    frame->pts = pts;
+    lastPts = pts;
+    ++frameIndex;
     const int sent = avcodec_send_frame(codec, frame);
     if (sent < 0) {
         logLine("OUTWriter failed to send frame: ", errorText(sent));
@@ -305,18 +365,12 @@ bool OUTWriter::drainEncoder(bool flush) {
             return false;
         }
     }
-    AVPacket* packet = av_packet_alloc();
-    if (!packet) {
-        logLine("OUTWriter failed to allocate packet");
-        return false;
-    }
     for (;;) {
         const int received = avcodec_receive_packet(codec, packet);
         if (received == AVERROR(EAGAIN) || received == AVERROR_EOF)
             break;
         if (received < 0) {
             logLine("OUTWriter failed to receive packet: ", errorText(received));
-            av_packet_free(&packet);
             return false;
         }
         av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
@@ -325,11 +379,9 @@ bool OUTWriter::drainEncoder(bool flush) {
         av_packet_unref(packet);
         if (written < 0) {
             logLine("OUTWriter failed to write packet: ", errorText(written));
-            av_packet_free(&packet);
             return false;
         }
     }
-    av_packet_free(&packet);
     return true;
 }
 
@@ -350,6 +402,8 @@ int OUTWriter::writePacket(void* opaque, uint8_t* buffer, int size) {
 void OUTWriter::releaseAll() {
     sws_freeContext(scaler);
     scaler = nullptr;
+    scaledFormat = AV_PIX_FMT_NONE;
+    av_packet_free(&packet);
     av_frame_free(&frame);
     avcodec_free_context(&codec);
     if (output) {
@@ -369,4 +423,5 @@ void OUTWriter::releaseAll() {
     initialised = false;
     width = height = 0;
     frameIndex = 0;
+    lastPts = -1;
 }

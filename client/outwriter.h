@@ -15,6 +15,7 @@ struct AVCodecContext;
 struct AVFormatContext;
 struct AVFrame;
 struct AVIOContext;
+struct AVPacket;
 struct AVStream;
 struct SwsContext;
 
@@ -39,7 +40,8 @@ inline constexpr EncoderCandidate EncoderCandidates[] = {
 // encoder is not in the table.
 EncoderCandidate encoderCandidateFor(const std::string& encoderName);
 
-// The sink of the capture pipeline: packed RGB24 frames in, H.264 in MPEG-TS out over SRT.
+// The sink of the capture pipeline: packed RGB24 frames or grabbed pictures in, H.264 in
+// MPEG-TS out over SRT, its colours tagged and converted as BT.709 limited range.
 // All work is done synchronously on the caller's thread; the writer takes no lock, so its
 // owner must not let two threads use it at once.
 class OUTWriter {
@@ -49,20 +51,29 @@ public:
     OUTWriter(const OUTWriter&) = delete;
     OUTWriter& operator=(const OUTWriter&) = delete;
 
-    // Connects to the server; encoder and muxer wait for the first frame, whose size they take.
+    // Connects to the server; encoder and muxer wait for the first frame or picture. A frame
+    // gives them its own size, a picture the stream's 1920x1080.
     bool start(const StreamParams& newSettings);
     // data: rows of packed R, G, B bytes, bytesPerLine apart; sizeInBytes is not needed.
     bool writeFrame(const uint8_t* data, int64_t sizeInBytes, int width, int height,
                     int bytesPerLine);
+    // The live path: one plane of packed pixels in `format`, of any size, stretched to the
+    // stream's 1920x1080 and converted in one pass; the encoder is opened at that size on the
+    // first picture and a picture of another size changes only the scaler. dueMs is when the
+    // picture's tick fell due, in milliseconds from the stream's start: the time stamp.
+    bool writePicture(const uint8_t* data, AVPixelFormat format, int width, int height, int stride,
+                      int64_t dueMs);
     // Flushes and closes whatever runs; harmless when nothing does.
     void stop();
     const std::string& lastError() const { return error; }
 
 private:
+    bool openStream(int newWidth, int newHeight);
     bool initEncoder(int newWidth, int newHeight);
     static void setEncoderOptions(AVCodecContext* context, const std::string& encoderName);
     bool initOutput();
-    bool encodeFrame(const uint8_t* data, int frameWidth, int frameHeight, int bytesPerLine);
+    bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
+    bool encodeFrame(const uint8_t* data, int sourceHeight, int stride, int64_t pts);
     bool drainEncoder(bool flush);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
@@ -79,11 +90,16 @@ private:
     int32_t width = 0;
     int32_t height = 0;
     int64_t frameIndex = 0;
+    int64_t lastPts = -1;
     AVFormatContext* output = nullptr;
     AVIOContext* io = nullptr;
     uint8_t* ioBuffer = nullptr;
     AVCodecContext* codec = nullptr;
     AVStream* stream = nullptr;
     AVFrame* frame = nullptr;
+    AVPacket* packet = nullptr;
     SwsContext* scaler = nullptr;
+    AVPixelFormat scaledFormat = AV_PIX_FMT_NONE;
+    int scaledWidth = 0;
+    int scaledHeight = 0;
 };

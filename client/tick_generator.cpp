@@ -29,7 +29,7 @@ void tickWorkerThread(TickState* state, ITickHandler* handler) {
     if (!state->stopRequested) {
         do {
             state->tickRaised.wait(lock, [state] { return state->tickPending.load(); });
-            handler->onTick();
+            handler->onTick(state->dueMs);
             state->tickPending = false;
         } while (!state->stopRequested);
     }
@@ -47,6 +47,7 @@ void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
             {
                 std::lock_guard<std::mutex> lock(state->mutex);
                 state->tickPending = true;
+                state->dueMs = next;
             }
             state->tickRaised.notify_one();
             next += periodMs;

@@ -6,10 +6,11 @@
 #include <mutex>
 
 // The unit of work run once per tick on the worker thread, while the worker holds the tick
-// mutex: it must never wait for the generator.
+// mutex: it must never wait for the generator. dueMs is when the tick fell due, in
+// milliseconds from the generator's start; it grows with every tick.
 class ITickHandler {
 public:
-    virtual void onTick() = 0;
+    virtual void onTick(int64_t dueMs) = 0;
 
 protected:
     ~ITickHandler() = default;
@@ -30,6 +31,8 @@ struct TickState {
     std::atomic<uint32_t> spare{0};
     // Raised under mutex by the generator; the worker also resets it before it takes mutex.
     std::atomic<bool> tickPending{false};
+    // The due time of the pending tick; guarded by mutex.
+    int64_t dueMs = 0;
     std::mutex mutex;
     std::condition_variable tickRaised;
     std::atomic<bool> stopRequested{false};

@@ -20,7 +20,7 @@ double millisecondsBetween(Clock::time_point from, Clock::time_point to) {
 // under the tick mutex).
 class RecordingHandler : public ITickHandler {
 public:
-    void onTick() override {
+    void onTick(int64_t) override {
         const std::size_t index = [this] {
             std::lock_guard<std::mutex> lock(mutex);
             starts.push_back(Clock::now());

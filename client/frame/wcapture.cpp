@@ -11,18 +11,15 @@
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QIcon>
-#include <QImage>
 #include <QLabel>
 #include <QMouseEvent>
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
 #include <QSignalBlocker>
-#include <QThreadPool>
 #include <QVBoxLayout>
 #include <QWindow>
 #include <algorithm>
-#include <future>
 #include <memory>
 
 namespace {
@@ -71,30 +68,6 @@ QPushButton* makeToolButton(QWidget* parent, const char* name, const char* iconP
     button->setCheckable(true);
     button->setFlat(true);
     return button;
-}
-
-QImage stretchedToStreamSize(const QImage& grabbed) {
-    QImage picture = grabbed.scaled(1920, 1080, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-    picture.convertTo(QImage::Format_RGB888);
-    return picture;
-}
-
-// Qt 5.15 splits a large scale or format conversion into pieces for its global thread pool and
-// waits for them on a QSemaphore in the caller's stack frame. QSemaphore::release still writes to
-// the semaphore after handing over its token (it clears a wake-all bit), so a pool thread held up
-// there clears a bit in stack memory that the woken caller has already reused: on the worker
-// thread that hit, among others, the stack canary of the encoder being opened. Called from a pool
-// thread, Qt does the work in one piece, and the worker waits on a future whose state lives on
-// the heap.
-QImage stretchedOnThreadPool(const QImage& grabbed) {
-    QThreadPool* pool = QThreadPool::globalInstance();
-    if (!pool)
-        return stretchedToStreamSize(grabbed);
-    auto task = std::make_shared<std::packaged_task<QImage()>>(
-        [grabbed] { return stretchedToStreamSize(grabbed); });
-    std::future<QImage> picture = task->get_future();
-    pool->start([task] { (*task)(); });
-    return picture.get();
 }
 
 } // namespace
@@ -164,7 +137,6 @@ WCapture::~WCapture() {
     // The glue must not pass the column's last events on to a frame that is gone.
     glueActive = false;
     delete frame;
-    delete lastImage;
 }
 
 void WCapture::setupUi() {
@@ -217,7 +189,7 @@ QPushButton* WCapture::liveButton() const {
     return ui->cmdLive;
 }
 
-const QImage* WCapture::grab() {
+const platform::GrabbedPicture* WCapture::grab() {
     if (dragging)
         return nullptr;
 
@@ -228,13 +200,7 @@ const QImage* WCapture::grab() {
     if (!screen)
         return nullptr;
 
-    const QRect area = captureRect.load();
-    QImage picture = stretchedOnThreadPool(
-        screen->grabWindow(0, area.x(), area.y(), area.width(), area.height()).toImage());
-
-    delete lastImage;
-    lastImage = new QImage(std::move(picture));
-    return lastImage;
+    return grabber.grab(screen, captureRect.load());
 }
 
 void WCapture::setLive(bool live) {

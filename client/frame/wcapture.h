@@ -1,5 +1,6 @@
 #pragma once
 
+#include "framegrabber.h"
 #include "iwcapture.h"
 
 #include <QList>
@@ -11,7 +12,6 @@
 
 class DrawingForm;
 class QHBoxLayout;
-class QImage;
 class QLabel;
 class QPushButton;
 class QVBoxLayout;
@@ -52,9 +52,10 @@ public:
     WCapture();
     ~WCapture() override;
 
-    // The framed area of the screen, stretched to 1920x1080 RGB888; null while the column is
-    // dragged. Runs on the streaming thread; the picture stays valid until the next grab.
-    const QImage* grab();
+    // The framed area of the screen at its own size and in the grab's pixel layout; null while
+    // the column is dragged. Runs on the streaming thread; the picture stays valid until the
+    // next grab.
+    const platform::GrabbedPicture* grab();
 
     // Shows the streamer's view of the live state without emitting the button's signals.
     void setLive(bool live);
@@ -112,7 +113,6 @@ private:
     DrawingForm* frame = nullptr;
     bool movable = true;
     bool glueActive = true;
-    // The last picture the screen grab made; owned here, replaced by the grab.
-    QImage* lastImage = nullptr;
+    FrameGrabber grabber;
     TransparentLabel* pointerMarker = nullptr;
 };

@@ -1,0 +1,70 @@
+#include "framegrabber.h"
+
+#include "logfile.h"
+
+#include <QPixmap>
+#include <QScreen>
+
+namespace {
+
+// The toolkit's own pixel layouts that the writer reads as they are.
+AVPixelFormat pixelFormatOf(QImage::Format format) {
+    switch (format) {
+    case QImage::Format_RGB32:
+    case QImage::Format_ARGB32:
+    case QImage::Format_ARGB32_Premultiplied:
+        // A screen grab is opaque, so the alpha byte is skipped.
+        return AV_PIX_FMT_0RGB32;
+    case QImage::Format_RGB888:
+        return AV_PIX_FMT_RGB24;
+    case QImage::Format_BGR888:
+        return AV_PIX_FMT_BGR24;
+    case QImage::Format_RGB16:
+        return AV_PIX_FMT_RGB565;
+    default:
+        return AV_PIX_FMT_NONE;
+    }
+}
+
+} // namespace
+
+const platform::GrabbedPicture* FrameGrabber::grab(QScreen* screen, QRect area) {
+    if (!systemTried) {
+        systemTried = true;
+        systemOpen = system.open();
+        if (!systemOpen)
+            logLine("Screen grab through the toolkit: ", system.lastError());
+    }
+    if (systemOpen && system.grab(area.x(), area.y(), area.width(), area.height(), picture))
+        return &picture;
+    if (systemOpen && !systemFailureLogged) {
+        // Logged once: an area that reaches off the screen fails like this on every tick.
+        systemFailureLogged = true;
+        logLine("Screen grab through the toolkit for ", area.width(), "x", area.height(), " at ",
+                area.x(), ",", area.y(), ": ", system.lastError());
+    }
+    return grabWithToolkit(screen, area);
+}
+
+const platform::GrabbedPicture* FrameGrabber::grabWithToolkit(QScreen* screen, QRect area) {
+    if (!screen)
+        return nullptr;
+    // Runs on the tick's worker thread. The toolkit builds this image from the display's reply
+    // in the screen's own layout; it is handed on as it is and never converted here, since the
+    // toolkit's large conversions wait on its thread pool in a way that corrupts the waiting
+    // thread's stack.
+    toolkitImage = screen->grabWindow(0, area.x(), area.y(), area.width(), area.height()).toImage();
+    if (toolkitImage.isNull())
+        return nullptr;
+    const AVPixelFormat format = pixelFormatOf(toolkitImage.format());
+    if (format == AV_PIX_FMT_NONE) {
+        logLine("Screen grab gave an unsupported pixel layout: ", int(toolkitImage.format()));
+        return nullptr;
+    }
+    picture.data = toolkitImage.constBits();
+    picture.format = format;
+    picture.width = toolkitImage.width();
+    picture.height = toolkitImage.height();
+    picture.stride = static_cast<int>(toolkitImage.bytesPerLine());
+    return &picture;
+}

@@ -1,0 +1,48 @@
+#pragma once
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace platform {
+
+// A grabbed picture as it lies in memory: one plane of packed pixels, rows `stride` bytes
+// apart. The memory belongs to whoever grabbed it and stays valid until its next grab.
+struct GrabbedPicture {
+    const uint8_t* data = nullptr;
+    AVPixelFormat format = AV_PIX_FMT_NONE;
+    int width = 0;
+    int height = 0;
+    int stride = 0;
+};
+
+// The operating system's fast screen grab: straight from the display server into memory that
+// is kept across grabs. Where there is none, open() says so and the caller grabs through the
+// toolkit instead. One thread at a time.
+class ScreenGrab {
+public:
+    ScreenGrab();
+    ~ScreenGrab();
+    ScreenGrab(const ScreenGrab&) = delete;
+    ScreenGrab& operator=(const ScreenGrab&) = delete;
+
+    // Connects to the display; false, with the reason in lastError(), where this grab is not
+    // available.
+    bool open();
+    // Grabs an area given in the coordinates of the display's root window. False with the
+    // reason in lastError() when the area cannot be grabbed (for example when it reaches
+    // beyond the screen); the grab stays usable for other areas.
+    bool grab(int x, int y, int width, int height, GrabbedPicture& picture);
+    const std::string& lastError() const { return error; }
+
+private:
+    struct Display;
+    std::unique_ptr<Display> display;
+    std::string error;
+};
+
+} // namespace platform
