@@ -69,8 +69,8 @@ void CaptureStreamer::onTick(int64_t dueMs) {
         const platform::GrabbedPicture* picture = captureFrame.grab();
         if (!picture)
             return;
-        if (writer.writePicture(picture->data, picture->format, picture->width, picture->height,
-                                picture->stride, dueMs))
+        if (writer.writePicture(picture->data, pixelFormatOf(picture->layout), picture->width,
+                                picture->height, picture->stride, dueMs))
             return;
         flags.stopFlag = true;
         writer.stop();

@@ -8,25 +8,45 @@
 namespace {
 
 // The toolkit's own pixel layouts that the writer reads as they are.
-AVPixelFormat pixelFormatOf(QImage::Format format) {
+platform::PixelLayout layoutOf(QImage::Format format) {
+    using platform::PixelLayout;
     switch (format) {
     case QImage::Format_RGB32:
     case QImage::Format_ARGB32:
     case QImage::Format_ARGB32_Premultiplied:
-        // A screen grab is opaque, so the alpha byte is skipped.
-        return AV_PIX_FMT_0RGB32;
+        // 0xAARRGGBB words; a screen grab is opaque, so the alpha byte is skipped.
+        return Q_BYTE_ORDER == Q_LITTLE_ENDIAN ? PixelLayout::Bgrx : PixelLayout::Xrgb;
     case QImage::Format_RGB888:
-        return AV_PIX_FMT_RGB24;
+        return PixelLayout::Rgb;
     case QImage::Format_BGR888:
-        return AV_PIX_FMT_BGR24;
+        return PixelLayout::Bgr;
     case QImage::Format_RGB16:
-        return AV_PIX_FMT_RGB565;
+        return PixelLayout::Rgb565;
     default:
-        return AV_PIX_FMT_NONE;
+        return PixelLayout::None;
     }
 }
 
 } // namespace
+
+AVPixelFormat pixelFormatOf(platform::PixelLayout layout) {
+    using platform::PixelLayout;
+    switch (layout) {
+    case PixelLayout::Bgrx:
+        return AV_PIX_FMT_BGR0;
+    case PixelLayout::Xrgb:
+        return AV_PIX_FMT_0RGB;
+    case PixelLayout::Rgb:
+        return AV_PIX_FMT_RGB24;
+    case PixelLayout::Bgr:
+        return AV_PIX_FMT_BGR24;
+    case PixelLayout::Rgb565:
+        return AV_PIX_FMT_RGB565;
+    case PixelLayout::None:
+        break;
+    }
+    return AV_PIX_FMT_NONE;
+}
 
 const platform::GrabbedPicture* FrameGrabber::grab(QScreen* screen, QRect area) {
     if (!systemTried) {
@@ -56,13 +76,13 @@ const platform::GrabbedPicture* FrameGrabber::grabWithToolkit(QScreen* screen, Q
     toolkitImage = screen->grabWindow(0, area.x(), area.y(), area.width(), area.height()).toImage();
     if (toolkitImage.isNull())
         return nullptr;
-    const AVPixelFormat format = pixelFormatOf(toolkitImage.format());
-    if (format == AV_PIX_FMT_NONE) {
+    const platform::PixelLayout layout = layoutOf(toolkitImage.format());
+    if (layout == platform::PixelLayout::None) {
         logLine("Screen grab gave an unsupported pixel layout: ", int(toolkitImage.format()));
         return nullptr;
     }
     picture.data = toolkitImage.constBits();
-    picture.format = format;
+    picture.layout = layout;
     picture.width = toolkitImage.width();
     picture.height = toolkitImage.height();
     picture.stride = static_cast<int>(toolkitImage.bytesPerLine());

@@ -2,10 +2,17 @@
 
 #include "platform/screengrab.h"
 
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
 #include <QImage>
 #include <QRect>
 
 class QScreen;
+
+// The writer's name for a grabbed picture's layout.
+AVPixelFormat pixelFormatOf(platform::PixelLayout layout);
 
 // The per-tick grab of the framed area: through the system's shared-memory grab where there
 // is one, otherwise through the toolkit. The picture stays valid until the next grab.

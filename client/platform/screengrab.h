@@ -1,20 +1,19 @@
 #pragma once
 
-extern "C" {
-#include <libavutil/pixfmt.h>
-}
-
 #include <cstdint>
 #include <memory>
 #include <string>
 
 namespace platform {
 
+// The order of a pixel's bytes in memory. The padding byte X is never read.
+enum class PixelLayout { None, Bgrx, Xrgb, Rgb, Bgr, Rgb565 };
+
 // A grabbed picture as it lies in memory: one plane of packed pixels, rows `stride` bytes
 // apart. The memory belongs to whoever grabbed it and stays valid until its next grab.
 struct GrabbedPicture {
     const uint8_t* data = nullptr;
-    AVPixelFormat format = AV_PIX_FMT_NONE;
+    PixelLayout layout = PixelLayout::None;
     int width = 0;
     int height = 0;
     int stride = 0;

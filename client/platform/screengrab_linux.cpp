@@ -94,7 +94,7 @@ struct ScreenGrab::Display {
 
     xcb_connection_t* connection = nullptr;
     xcb_window_t root = 0;
-    AVPixelFormat format = AV_PIX_FMT_NONE;
+    PixelLayout layout = PixelLayout::None;
     int bitsPerPixel = 0;
     int scanlinePad = 0;
     xcb_shm_seg_t segment = 0;
@@ -133,7 +133,7 @@ bool ScreenGrab::open() {
     const bool lsbFirst = setup->image_byte_order == XCB_IMAGE_ORDER_LSB_FIRST;
     if (pixmap->bits_per_pixel == 32 && visual->red_mask == 0xff0000 &&
         visual->green_mask == 0xff00 && visual->blue_mask == 0xff) {
-        opened->format = lsbFirst ? AV_PIX_FMT_BGR0 : AV_PIX_FMT_0RGB;
+        opened->layout = lsbFirst ? PixelLayout::Bgrx : PixelLayout::Xrgb;
     } else {
         error = "The X screen's pixel layout is not one the shared memory grab reads";
         return false;
@@ -175,7 +175,7 @@ bool ScreenGrab::grab(int x, int y, int width, int height, GrabbedPicture& pictu
         return false;
     }
     picture.data = display->memory;
-    picture.format = display->format;
+    picture.layout = display->layout;
     picture.width = width;
     picture.height = height;
     picture.stride = stride;
