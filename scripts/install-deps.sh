@@ -9,6 +9,7 @@ packages=(
     libsrt-gnutls-dev srt-tools
     ffmpeg
     xvfb xauth xdotool
+    xserver-xorg-video-dummy x11-xserver-utils
 )
 
 missing=()
