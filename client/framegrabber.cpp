@@ -55,7 +55,10 @@ const platform::GrabbedPicture* FrameGrabber::grab(QScreen* screen, QRect area) 
         if (!systemOpen)
             logLine("Screen grab through the toolkit: ", system.lastError());
     }
-    if (systemOpen && system.grab(area.x(), area.y(), area.width(), area.height(), picture))
+    // The area is in the screen's own coordinates, the system grab's in the whole desktop's.
+    const QPoint origin = screen ? screen->geometry().topLeft() : QPoint();
+    if (systemOpen && system.grab(origin.x() + area.x(), origin.y() + area.y(), area.width(),
+                                  area.height(), picture))
         return &picture;
     if (systemOpen && !systemFailureLogged) {
         // Logged once: an area that reaches off the screen fails like this on every tick.

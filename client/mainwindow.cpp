@@ -3,10 +3,12 @@
 #include "capturestreamer.h"
 #include "frame/drawingform.h"
 #include "logfile.h"
+#include "platform/privatesettings.h"
 #include "platform/settingslocation.h"
 #include "updatechecker.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QMenuBar>
 #include <QPushButton>
 #include <QSettings>
@@ -72,6 +74,9 @@ void MainWindow::loadGlobalState() {
              : new QSettings(QSettings::NativeFormat, QSettings::UserScope,
                              QStringLiteral("Myrtlebrook"), QStringLiteral("Brindlewave"));
     logLine("SETTINGS:", settingsStore->fileName());
+    // The settings hold the stream id, which is often a credential.
+    if (!platform::makeSettingsPrivate(QFile::encodeName(settingsStore->fileName()).toStdString()))
+        logLine("FAIL keep settings private:", settingsStore->fileName());
 
     room = globalState->settings()->value("ROOM_GUID", QString()).toString();
     if (room.isEmpty()) {

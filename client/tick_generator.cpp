@@ -1,6 +1,7 @@
 #include "tick_generator.h"
 
 #include "logfile.h"
+#include "platform/crashstack.h"
 
 #include <chrono>
 #include <thread>
@@ -23,6 +24,7 @@ constexpr int64_t workerPollMs = 100;
 } // namespace
 
 void tickWorkerThread(TickState* state, ITickHandler* handler) {
+    platform::prepareThreadForCrashes();
     state->stopRequested = false;
     state->tickPending = false;
     std::unique_lock<std::mutex> lock(state->mutex);
@@ -39,6 +41,7 @@ void tickWorkerThread(TickState* state, ITickHandler* handler) {
 }
 
 void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
+    platform::prepareThreadForCrashes();
     const auto start = std::chrono::steady_clock::now();
     int64_t next = 0;
     while (!flags->stopFlag) {

@@ -12,6 +12,7 @@ packages=(
     xvfb xauth xdotool
     libyuv-dev
     g++-mingw-w64-x86-64-posix wine64
+    xserver-xorg-video-dummy x11-xserver-utils
 )
 
 missing=()

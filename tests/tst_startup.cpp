@@ -1,6 +1,7 @@
 #include "crashreporting.h"
 #include "startup.h"
 #include "support/messagecapture.h"
+#include "tick_generator.h"
 
 #include <QApplication>
 #include <QDir>
@@ -10,14 +11,33 @@
 #include <cstdint>
 #include <cstdlib>
 #include <sys/stat.h>
+#include <thread>
 
 namespace {
+
+int deeper(int depth) {
+    volatile char frame[1024];
+    frame[0] = static_cast<char>(depth);
+    return depth > 0 ? deeper(depth + 1) + frame[0] : 0;
+}
+
+struct Overflow : ITickHandler {
+    void onTick(int64_t) override { deeper(1); }
+};
 
 // Runs in a child process: installs crash reporting, then crashes for real.
 int crashChild(const QByteArray& how) {
     installCrashReporting();
     if (how == "abort")
         std::abort();
+    if (how == "overflow on a tick thread") {
+        Overflow handler;
+        TickFlags flags;
+        auto* state = new TickState;
+        std::thread worker(tickWorkerThread, state, &handler);
+        std::thread(tickGeneratorThread, &flags, state, 40).detach();
+        worker.join();
+    }
     volatile std::uintptr_t address = 16;
     *reinterpret_cast<volatile int*>(address) = 1;
     return 0;
@@ -53,6 +73,8 @@ void StartupTest::crashLeavesAReport_data() {
     QTest::addColumn<QString>("signal");
     QTest::newRow("bad memory access") << QByteArray("segv") << "SIGSEGV";
     QTest::newRow("abort") << QByteArray("abort") << "SIGABRT";
+    QTest::newRow("stack overflow on a tick thread")
+        << QByteArray("overflow on a tick thread") << "SIGSEGV";
 }
 
 void StartupTest::crashLeavesAReport() {

@@ -34,10 +34,7 @@ class WCaptureTest : public QObject {
 
 private slots:
     void cleanup();
-    void screenOfLeftEdgeWithOneAndTwoScreens_data();
-    void screenOfLeftEdgeWithOneAndTwoScreens();
     void firstPlacementFollowsTheScreenSize();
-    void frameOnAnotherScreenIsNotTakenOver();
     void liveButtonStates();
     void startActsAsTheLiveButton();
     void markerAppearsInTheCornerAndStaysInTheFrame();
@@ -54,30 +51,6 @@ void WCaptureTest::cleanup() {
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
-void WCaptureTest::screenOfLeftEdgeWithOneAndTwoScreens_data() {
-    QTest::addColumn<QList<int>>("lefts");
-    QTest::addColumn<int>("x");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("left");
-    QTest::newRow("one screen, on it") << QList<int>{0} << 300 << 0 << 0;
-    QTest::newRow("one screen, left of it") << QList<int>{0} << -80 << 0 << 0;
-    QTest::newRow("one screen with an origin") << QList<int>{1920} << 2500 << 0 << 0;
-    QTest::newRow("two, on the left one") << QList<int>{0, 1920} << 1919 << 0 << 0;
-    QTest::newRow("two, on the right one") << QList<int>{0, 1920} << 1920 << 1 << 1920;
-    QTest::newRow("two, listed right first") << QList<int>{1920, 0} << 2000 << 1 << 1920;
-    QTest::newRow("two, left of both") << QList<int>{0, 1920} << -5 << 0 << 0;
-    QTest::newRow("two, one left of the origin") << QList<int>{0, -1280} << -100 << 0 << -1280;
-    QTest::newRow("two, right of the origin") << QList<int>{0, -1280} << 100 << 1 << 0;
-}
-
-void WCaptureTest::screenOfLeftEdgeWithOneAndTwoScreens() {
-    QFETCH(QList<int>, lefts);
-    QFETCH(int, x);
-    const WCapture::ScreenEdge found = WCapture::screenOfLeftEdge(x, lefts);
-    QTEST(found.index, "index");
-    QTEST(found.left, "left");
-}
-
 void WCaptureTest::firstPlacementFollowsTheScreenSize() {
     WCapture column;
     DrawingForm* frame = column.drawingForm();
@@ -87,7 +60,6 @@ void WCaptureTest::firstPlacementFollowsTheScreenSize() {
     QVERIFY(column.isVisible());
     QVERIFY(frame->isVisible());
     QCOMPARE(frame->size(), QSize(1280, 720));
-    QCOMPARE(column.screenIndex, 0);
     QVERIFY(!column.dragging);
     QVERIFY(!column.marker()->isVisible());
 
@@ -102,26 +74,6 @@ void WCaptureTest::firstPlacementFollowsTheScreenSize() {
     // The grip reaches its corner once the event loop has run.
     QTRY_VERIFY(frame->resizeGrip()->isVisible());
     QCOMPARE(frame->resizeGrip()->pos(), frame->geometry().bottomRight() + QPoint(1, 1));
-}
-
-void WCaptureTest::frameOnAnotherScreenIsNotTakenOver() {
-    WCapture column;
-    DrawingForm* frame = column.drawingForm();
-    const QRect accepted = column.captureRect.load();
-    const QPoint columnAt = column.pos();
-
-    // With one screen every left edge is on screen 0; a column told to grab another screen
-    // must not take this frame over.
-    column.screenIndex = 1;
-    frame->setGeometry(200, 150, 700, 500);
-    emit frame->newSize();
-    QCOMPARE(column.captureRect.load(), accepted);
-    QCOMPARE(column.pos(), columnAt);
-
-    column.screenIndex = 0;
-    emit frame->newSize();
-    QCOMPARE(column.captureRect.load(), QRect(205, 155, 690, 490));
-    QCOMPARE(column.pos(), columnPlaceFor(column));
 }
 
 void WCaptureTest::liveButtonStates() {

@@ -18,7 +18,6 @@
 #include <QScreen>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
-#include <QWindow>
 #include <algorithm>
 #include <memory>
 
@@ -72,25 +71,22 @@ QPushButton* makeToolButton(QWidget* parent, const char* name, const char* iconP
 
 } // namespace
 
-WCapture::ScreenEdge WCapture::screenOfLeftEdge(int x, QList<int> screenLefts) {
-    ScreenEdge found;
-    if (screenLefts.size() <= 1)
-        return found;
-    std::sort(screenLefts.begin(), screenLefts.end());
-    for (int i = 0; i < screenLefts.size(); ++i) {
-        if (screenLefts.at(i) <= x) {
-            found.index = i;
-            found.left = screenLefts.at(i);
+int WCapture::screenOfLeftEdge(QPoint edgeTop, const QList<QRect>& screens) {
+    int nearest = 0;
+    long long nearestDistance = -1;
+    for (int i = 0; i < screens.size(); ++i) {
+        const QRect& screen = screens.at(i);
+        const long long dx =
+            std::max({screen.left() - edgeTop.x(), 0, edgeTop.x() - screen.right()});
+        const long long dy =
+            std::max({screen.top() - edgeTop.y(), 0, edgeTop.y() - screen.bottom()});
+        const long long distance = dx * dx + dy * dy;
+        if (nearestDistance < 0 || distance < nearestDistance) {
+            nearest = i;
+            nearestDistance = distance;
         }
     }
-    return found;
-}
-
-WCapture::ScreenEdge WCapture::screenOfLeftEdge(int x) const {
-    QList<int> lefts;
-    for (const QScreen* screen : QGuiApplication::screens())
-        lefts.append(screen->geometry().x());
-    return screenOfLeftEdge(x, lefts);
+    return nearest;
 }
 
 WCapture::WCapture() : IWCapture(nullptr), ui(std::make_unique<Ui>()) {
@@ -115,18 +111,23 @@ WCapture::WCapture() : IWCapture(nullptr), ui(std::make_unique<Ui>()) {
     pointerMarker->setFixedSize(pointer.size());
     pointerMarker->hide();
 
-    screenIndex = 0;
     frame->resize(1280, 720);
 
     const QList<QScreen*> screens = QGuiApplication::screens();
-    const QRect screen =
-        screenIndex < screens.size() ? screens.at(screenIndex)->geometry() : QRect(0, 0, 1280, 720);
+    const QRect screen = screens.isEmpty() ? QRect(0, 0, 1280, 720) : screens.at(0)->geometry();
     // Only the screen's size counts here, not its origin.
     move(screen.width() - 1280, screen.height() - 720);
     logLine("screen:", screen.x(), screen.y(), screen.width(), "x", screen.height());
     logLine("move: ", x(), y());
 
-    captureRect.store(frame->geometry().adjusted(5, 5, -5, -5));
+    // A screen that comes or goes renumbers the list the grab picks its screen from.
+    connect(
+        qGuiApp, &QGuiApplication::screenAdded, this, [this] { takeOverFrame(); },
+        Qt::QueuedConnection);
+    connect(
+        qGuiApp, &QGuiApplication::screenRemoved, this, [this] { takeOverFrame(); },
+        Qt::QueuedConnection);
+
     glueActive = true;
     update();
     show();
@@ -193,14 +194,13 @@ const platform::GrabbedPicture* WCapture::grab() {
     if (dragging)
         return nullptr;
 
+    // The screen is taken from the same list, in the same order, as it was chosen from.
+    int index = 0;
+    const QRect area = captureRect.load(index);
     const QList<QScreen*> screens = QGuiApplication::screens();
-    QScreen* screen = screenIndex < screens.size() ? screens.at(screenIndex) : nullptr;
-    if (const QWindow* window = windowHandle())
-        screen = window->screen();
-    if (!screen)
+    if (index >= screens.size())
         return nullptr;
-
-    return grabber.grab(screen, captureRect.load());
+    return grabber.grab(screens.at(index), area);
 }
 
 void WCapture::setLive(bool live) {
@@ -238,16 +238,22 @@ void WCapture::on_cmdLock_toggled(bool checked) {
     frame->setLocked(checked);
 }
 
+QRect WCapture::takeOverFrame() {
+    const QRect r = frame->geometry().adjusted(5, 5, -5, -5);
+    QList<QRect> screens;
+    for (const QScreen* screen : QGuiApplication::screens())
+        screens.append(screen->geometry());
+    const int index = screenOfLeftEdge(r.topLeft(), screens);
+    const QPoint origin = screens.isEmpty() ? QPoint() : screens.at(index).topLeft();
+    captureRect.store(r.translated(-origin), index);
+    return r;
+}
+
+// The capture follows the frame to whichever screen it is on, and the column always comes
+// back: hidden by a grip press or left behind, it would leave a presenter whose form is hidden
+// while live no way to stop.
 void WCapture::calcNewPosition() {
-    QRect r = frame->geometry().adjusted(5, 5, -5, -5);
-    const ScreenEdge screen = screenOfLeftEdge(r.x());
-    if (screen.index != screenIndex)
-        return;
-    if (screen.index != 0) {
-        r.setX(r.x() - screen.left);
-        r.setWidth(r.width() - screen.left);
-    }
-    captureRect.store(r);
+    const QRect r = takeOverFrame();
     glue->setOffset(QPoint(-frame->width(), height() - frame->height()));
 
     glueActive = false;

@@ -18,21 +18,29 @@ class QVBoxLayout;
 class TransparentLabel;
 class WidgetGlue;
 
-// A rectangle that one thread writes and another reads, never seen half-written.
+// The capture rectangle and the screen it lies on, which one thread writes and another reads,
+// never seen half-written nor paired with another screen's rectangle.
 class SharedRect {
 public:
     QRect load() const {
         const std::lock_guard<std::mutex> lock(mutex);
         return rect;
     }
-    void store(QRect value) {
+    QRect load(int& screenIndex) const {
+        const std::lock_guard<std::mutex> lock(mutex);
+        screenIndex = screen;
+        return rect;
+    }
+    void store(QRect value, int screenIndex) {
         const std::lock_guard<std::mutex> lock(mutex);
         rect = value;
+        screen = screenIndex;
     }
 
 private:
     mutable std::mutex mutex;
     QRect rect;
+    int screen = 0;
 };
 
 // The tool column beside the frame: live switch, pointer marker, pin and drag handle. It
@@ -41,13 +49,9 @@ class WCapture : public IWCapture {
     Q_OBJECT
 
 public:
-    // The screen a left edge lies on: its position in the list of screens sorted by their
-    // left edges, and that screen's left edge.
-    struct ScreenEdge {
-        int index = 0;
-        int left = 0;
-    };
-    static ScreenEdge screenOfLeftEdge(int x, QList<int> screenLefts);
+    // The screen of `screens` (geometries in the order of QGuiApplication::screens()) that the
+    // top of a frame's inset left edge lies on, else the one nearest to it; 0 for no screens.
+    static int screenOfLeftEdge(QPoint edgeTop, const QList<QRect>& screens);
 
     WCapture();
     ~WCapture() override;
@@ -65,10 +69,9 @@ public:
     TransparentLabel* marker() const { return pointerMarker; }
     QPushButton* liveButton() const;
 
-    // The screen that is grabbed; nothing changes it.
-    int screenIndex = 0;
-    // The frame's rectangle less its border, in desktop coordinates; set here on the interface
-    // thread, read by the screen grab on the streaming thread.
+    // The frame's rectangle less its border, in the coordinates of the screen it is on, with
+    // that screen's index in QGuiApplication::screens(); set here on the interface thread, read
+    // by the screen grab on the streaming thread.
     SharedRect captureRect;
     // Set while the column is dragged: the grab on the streaming thread skips such ticks.
     std::atomic<bool> dragging{false};
@@ -104,7 +107,8 @@ private:
         QLabel* lblMove = nullptr;
     };
     void setupUi();
-    ScreenEdge screenOfLeftEdge(int x) const;
+    // Takes the frame's inset rectangle into captureRect; returns it in desktop coordinates.
+    QRect takeOverFrame();
     void shutDown();
 
     std::unique_ptr<Ui> ui;

@@ -1,5 +1,7 @@
 #include "crashhandler.h"
 
+#include "crashstack.h"
+
 #include <climits>
 #include <csignal>
 #include <cstdint>
@@ -8,6 +10,7 @@
 #include <ctime>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 
 namespace platform {
@@ -19,7 +22,6 @@ namespace {
 char reportFolder[PATH_MAX];
 char applicationName[64];
 char applicationVersion[32];
-alignas(16) char alternateStack[64 * 1024];
 
 struct CrashSignal {
     int number;
@@ -113,6 +115,10 @@ void copy(char* target, std::size_t size, const char* source) {
 } // namespace
 
 bool installCrashHandler(const char* name, const char* version, const std::string& folder) {
+    if (folder.empty()) {
+        std::printf("crash reporting: no folder for reports\n");
+        return false;
+    }
     copy(applicationName, sizeof applicationName, name);
     copy(applicationVersion, sizeof applicationVersion, version);
     copy(reportFolder, sizeof reportFolder, folder.c_str());
@@ -120,20 +126,19 @@ bool installCrashHandler(const char* name, const char* version, const std::strin
     // The first back trace loads the unwinder, which allocates: do it now, not in a crash.
     void* warmUp[2];
     backtrace(warmUp, 2);
-
-    // A stack overflow leaves no stack to report on: the handler runs on its own.
-    stack_t stack{};
-    stack.ss_sp = alternateStack;
-    stack.ss_size = sizeof alternateStack;
-    sigaltstack(&stack, nullptr);
+    prepareThreadForCrashes();
 
     struct sigaction action {};
     action.sa_sigaction = onCrash;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESETHAND;
     sigemptyset(&action.sa_mask);
-    for (const CrashSignal& crash : crashSignals) {
-        if (sigaction(crash.number, &action, nullptr) != 0) {
-            std::printf("crash reporting: cannot handle %s\n", crash.name);
+    // All or none: a process that reports some crashes and not others would pass for covered.
+    struct sigaction previous[std::size(crashSignals)]{};
+    for (std::size_t i = 0; i < std::size(crashSignals); ++i) {
+        if (sigaction(crashSignals[i].number, &action, &previous[i]) != 0) {
+            std::printf("crash reporting: cannot handle %s\n", crashSignals[i].name);
+            while (i-- > 0)
+                sigaction(crashSignals[i].number, &previous[i], nullptr);
             return false;
         }
     }

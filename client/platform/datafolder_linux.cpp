@@ -1,9 +1,12 @@
 #include "datafolder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -22,22 +25,59 @@ std::string baseFolder() {
     return "/var/tmp/Myrtlebrook/Brindlewave";
 }
 
-bool makeFolder(const std::string& path) {
-    if (mkdir(path.c_str(), sharedFolderMode) == 0) {
-        // mkdir honours the umask; the mode is only ours to set on folders we made.
-        return chmod(path.c_str(), sharedFolderMode) == 0;
-    }
-    struct stat info {};
-    return errno == EEXIST && stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+int openFolder(int parent, const char* name) {
+    return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-bool makeFolderChain(const std::string& path) {
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        if (!makeFolder(path.substr(0, slash)))
-            return false;
+// Whoever owns a folder on the way can swap what lies below it, and a link can lead anywhere
+// somebody chose: only real folders of root's or ours are walked through.
+bool trusted(int folder) {
+    struct stat info {};
+    return fstat(folder, &info) == 0 && S_ISDIR(info.st_mode) &&
+           (info.st_uid == 0 || info.st_uid == geteuid());
+}
+
+// The folder `name` inside `parent`, made and shared when missing; -1 when it cannot be had
+// or is not to be trusted.
+int enterFolder(int parent, const char* name) {
+    int folder = openFolder(parent, name);
+    if (folder < 0 && errno == ENOENT && mkdirat(parent, name, 0700) == 0) {
+        folder = openFolder(parent, name);
+        // mkdirat honours the umask; the mode is only ours to set on folders we made.
+        if (folder >= 0 && fchmod(folder, sharedFolderMode) != 0) {
+            close(folder);
+            return -1;
+        }
     }
-    return makeFolder(path);
+    if (folder >= 0 && !trusted(folder)) {
+        close(folder);
+        return -1;
+    }
+    return folder;
+}
+
+// Walks the chain one folder at a time through descriptors, never by path, so that nothing
+// can be put in between a check and the next step.
+bool makeFolderChain(const std::string& path) {
+    const bool absolute = !path.empty() && path[0] == '/';
+    int folder = absolute ? open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : AT_FDCWD;
+    std::size_t begin = 0;
+    while (folder != -1 && begin < path.size()) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string name = path.substr(begin, end - begin);
+        begin = end + 1;
+        if (name.empty() || name == ".")
+            continue;
+        const int next = enterFolder(folder, name.c_str());
+        if (folder != AT_FDCWD)
+            close(folder);
+        folder = next;
+    }
+    if (folder == -1)
+        return false;
+    if (folder != AT_FDCWD)
+        close(folder);
+    return true;
 }
 
 } // namespace
@@ -58,9 +98,10 @@ std::string dataFolder() {
 }
 
 std::string crashFolder(const std::string& dataFolder) {
+    // Reports stay inside the data folder: a folder made anywhere else, such as the working
+    // directory when there is no data folder, would be left world-writable there.
     const std::string folder = dataFolder + "/crashs";
-    makeFolder(folder);
-    return folder;
+    return dataFolder == baseFolder() && makeFolderChain(folder) ? folder : std::string();
 }
 
 } // namespace platform
