@@ -2,6 +2,7 @@
 
 #include "frame/drawingform.h"
 
+#include <QApplication>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -22,11 +23,16 @@ void CaptureStreamer::try_connect() {
 
     bool started = false;
     std::string error;
+    // The connect waits for the server, up to the library's connect time-out, on this thread.
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    QGuiApplication::sync();
     {
         const std::lock_guard<std::mutex> lock(frameMutex);
+        ++run;
         started = writer.start(params);
         error = writer.lastError();
     }
+    QApplication::restoreOverrideCursor();
     if (!started) {
         showFailure(error);
         return;
@@ -60,6 +66,7 @@ void CaptureStreamer::stop() {
 
 void CaptureStreamer::onTick(int64_t dueMs) {
     std::string error;
+    uint64_t failedRun = 0;
     {
         // Workers of two runs may overlap for a tick; only one grabs and writes at a time.
         const std::lock_guard<std::mutex> lock(frameMutex);
@@ -75,10 +82,17 @@ void CaptureStreamer::onTick(int64_t dueMs) {
         flags.stopFlag = true;
         writer.stop();
         error = writer.lastError();
+        failedRun = run;
     }
-    // The windows belong to the interface thread.
+    // The windows belong to the interface thread, and by the time they are reached the user may
+    // have started another run, which this failure must leave alone.
     QMetaObject::invokeMethod(
-        this, [this, error] { showFailure(error); }, Qt::QueuedConnection);
+        this,
+        [this, error, failedRun] {
+            if (failedRun == run)
+                showFailure(error);
+        },
+        Qt::QueuedConnection);
 }
 
 void CaptureStreamer::showFailure(const std::string& error) {

@@ -5,6 +5,7 @@
 #include "tick_generator.h"
 
 #include <QObject>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -38,4 +39,6 @@ private:
     // thread from freeing what a frame being written on a worker thread still uses, and the
     // worker of an earlier run from replacing the picture the current one is writing.
     std::mutex frameMutex;
+    // Counts the starts; changed under frameMutex, and only on the interface thread.
+    uint64_t run = 0;
 };

@@ -171,6 +171,8 @@ void OUTWriter::stop() {
     // Only a stream that ran is worth a line: stop() also runs when nothing does.
     if (active)
         logLine("OUTWriter stop. frames=", frameIndex);
+    // The trailer goes out only over a connection that is still there.
+    connection.stopReconnecting();
     if (active && codec && output && initialised) {
         drainEncoder(true);
         av_write_trailer(output);

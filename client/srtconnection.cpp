@@ -1,11 +1,11 @@
 #include "srtconnection.h"
 
-#include "platform/sockets.h"
+#include "logfile.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <thread>
+#include <cstring>
 
 namespace {
 
@@ -16,8 +16,6 @@ int64_t steadyNanoseconds() {
 }
 
 constexpr int64_t reconnectBackoffNs = 2000000000;
-// How long a closing connection waits for the server to acknowledge what was last sent.
-constexpr auto drainTimeout = std::chrono::milliseconds(500);
 constexpr int sendBufferBytes = 819200;
 constexpr int udpSendBufferBytes = 6553600;
 
@@ -44,12 +42,42 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
     }
     attempts = 0;
     retryAt = 0;
+    reconnects = true;
+    peerLength = 0;
 
     std::string host;
     int32_t port = 0;
     if (!parseHostPort(settings.hostPort, host, port, errorText))
         return false;
+    if (!openSocket(errorText))
+        return false;
 
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* list = nullptr;
+    const std::string portText = std::to_string(port);
+    if (getaddrinfo(host.c_str(), portText.c_str(), &hints, &list) != 0 || !list) {
+        if (list)
+            freeaddrinfo(list);
+        errorText = "failed to resolve SRT host: " + host;
+        close();
+        return false;
+    }
+    for (addrinfo* entry = list; entry && peerLength == 0; entry = entry->ai_next)
+        if (srt_connect(socket, entry->ai_addr, static_cast<int>(entry->ai_addrlen)) != SRT_ERROR) {
+            std::memcpy(&peer, entry->ai_addr,
+                        std::min<std::size_t>(entry->ai_addrlen, sizeof peer));
+            peerLength = static_cast<int>(entry->ai_addrlen);
+        }
+    freeaddrinfo(list);
+    if (peerLength != 0)
+        return true;
+    errorText = std::string("SRT connect failed: ") + srt_getlasterror_str();
+    close();
+    return false;
+}
+
+bool SrtConnection::openSocket(std::string& errorText) {
     socket = srt_create_socket();
     if (socket == SRT_INVALID_SOCK) {
         errorText = std::string("srt_create_socket failed: ") + srt_getlasterror_str();
@@ -77,27 +105,49 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
         close();
         return false;
     }
-
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo* list = nullptr;
-    const std::string portText = std::to_string(port);
-    if (getaddrinfo(host.c_str(), portText.c_str(), &hints, &list) != 0 || !list) {
-        if (list)
-            freeaddrinfo(list);
-        errorText = "failed to resolve SRT host: " + host;
+    // A send finding the buffer full drops its chunk instead of waiting for the peer; with
+    // sends that never wait, closing hands the unacknowledged tail of the stream to the
+    // library, which delivers it in the background for up to the linger time.
+    const bool wait = false;
+    const linger drain{1, lingerSeconds};
+    if (!setOption(SRTO_SNDSYN, "SRTO_SNDSYN", &wait, sizeof wait, errorText) ||
+        !setOption(SRTO_LINGER, "SRTO_LINGER", &drain, sizeof drain, errorText)) {
         close();
         return false;
     }
-    bool connected = false;
-    for (addrinfo* entry = list; entry && !connected; entry = entry->ai_next)
-        connected =
-            srt_connect(socket, entry->ai_addr, static_cast<int>(entry->ai_addrlen)) != SRT_ERROR;
-    freeaddrinfo(list);
-    if (connected)
+    return true;
+}
+
+void SrtConnection::startReconnect() {
+    // As connect() does, every attempt starts its count afresh: an unreachable server is
+    // tried again as soon as an attempt has failed.
+    attempts = 0;
+    retryAt = 0;
+    std::string ignored;
+    if (peerLength == 0 || !openSocket(ignored)) {
+        closeAndScheduleReconnect();
+        return;
+    }
+    const bool wait = false;
+    if (!setOption(SRTO_RCVSYN, "SRTO_RCVSYN", &wait, sizeof wait, ignored) ||
+        srt_connect(socket, reinterpret_cast<const sockaddr*>(&peer), peerLength) == SRT_ERROR) {
+        closeAndScheduleReconnect();
+        return;
+    }
+    reconnecting = true;
+    logLine("SrtConnection reconnecting to ", settings.hostPort);
+}
+
+bool SrtConnection::reconnectFinished() {
+    const SRT_SOCKSTATUS state = srt_getsockstate(socket);
+    if (state == SRTS_CONNECTING)
+        return false;
+    reconnecting = false;
+    if (state == SRTS_CONNECTED) {
+        logLine("SrtConnection reconnected to ", settings.hostPort);
         return true;
-    errorText = std::string("SRT connect failed: ") + srt_getlasterror_str();
-    close();
+    }
+    closeAndScheduleReconnect();
     return false;
 }
 
@@ -108,6 +158,10 @@ bool SrtConnection::sendAll(const uint8_t* data, std::size_t size, std::string& 
         const int sent =
             srt_send(socket, reinterpret_cast<const char*>(data + offset), static_cast<int>(piece));
         if (sent < 1) {
+            // A full buffer is a slow or silent peer: the rest of the chunk is dropped, and the
+            // library declares the connection lost once the peer stays silent too long.
+            if (srt_getlasterror(nullptr) == SRT_EASYNCSND)
+                return true;
             errorText = std::string("SRT send failed: ") + srt_getlasterror_str();
             close();
             return false;
@@ -118,24 +172,25 @@ bool SrtConnection::sendAll(const uint8_t* data, std::size_t size, std::string& 
 }
 
 bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& errorText) {
+    if (reconnecting && !reconnectFinished())
+        return true;
     if (socket != SRT_INVALID_SOCK) {
         if (data && size != 0 && !sendAll(data, size, errorText)) {
+            logLine("SrtConnection lost ", settings.hostPort, ": ", errorText);
             closeAndScheduleReconnect();
             errorText.clear();
         }
         return true;
     }
-    if (settings.hostPort.empty())
+    if (settings.hostPort.empty() || !reconnects)
         return true;
     if (retryAt == 0)
         closeAndScheduleReconnect();
-    // The chunk that triggers a reconnect is dropped even when the reconnect succeeds: the
-    // muxer has moved on, and the stream resumes cleanly with its next chunk.
+    // The chunk that starts a reconnect is dropped, and so is every chunk until the handshake
+    // has ended: the stream resumes cleanly with the first chunk after it.
     if (steadyNanoseconds() >= retryAt) {
         ++attempts;
-        std::string ignored;
-        if (!connect(settings, ignored))
-            closeAndScheduleReconnect();
+        startReconnect();
     }
     return true;
 }
@@ -143,15 +198,9 @@ bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& err
 void SrtConnection::close() {
     if (socket == SRT_INVALID_SOCK)
         return;
-    // In live mode closing drops whatever the server has not acknowledged yet, which at the
-    // end of a stream is its last frames: give a healthy connection a moment to deliver them.
-    const auto deadline = std::chrono::steady_clock::now() + drainTimeout;
-    size_t blocks = 0;
-    size_t bytes = 0;
-    while (srt_getsockstate(socket) == SRTS_CONNECTED &&
-           srt_getsndbuffer(socket, &blocks, &bytes) == 0 && blocks > 0 &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (reconnecting)
+        logLine("SrtConnection abandons the reconnect in progress to ", settings.hostPort);
+    reconnecting = false;
     srt_close(socket);
     socket = SRT_INVALID_SOCK;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/sockets.h"
 #include "streamparams.h"
 
 #include <srt/srt.h>
@@ -11,6 +12,9 @@
 // The single SRT caller socket (live mode) that carries the transport stream to the server.
 // A failed send drops its chunk and closes the socket; a later send reconnects. Nothing is
 // queued or sent twice: a live stream would rather lose a moment than fall behind.
+// Only connect() waits for the network. Sends never wait for room in the buffer, and a
+// reconnect runs in the background across later sends, which drop their chunks meanwhile, so
+// whoever stops the stream meets a caller that is back within its tick.
 class SrtConnection {
 public:
     SrtConnection();
@@ -18,15 +22,22 @@ public:
     SrtConnection(const SrtConnection&) = delete;
     SrtConnection& operator=(const SrtConnection&) = delete;
 
-    // Closes whatever was open and connects to settings.hostPort; errorText says why not.
+    // Closes whatever was open and connects to settings.hostPort, waiting up to the library's
+    // connect time-out; errorText says why not.
     bool connect(const StreamParams& settings, std::string& errorText);
     // Hands one chunk to the network under the drop-and-reconnect policy; always true.
     bool send(const uint8_t* data, std::size_t size, std::string& errorText);
     // Sends the chunk as SRT messages of at most maxMessageSize bytes; false closes the socket.
     bool sendAll(const uint8_t* data, std::size_t size, std::string& errorText);
+    // Abandons a reconnect in progress; what was sent before is still delivered in the
+    // background for up to lingerSeconds, without holding the caller.
     void close();
     void closeAndScheduleReconnect();
-    bool isOpen() const { return socket != SRT_INVALID_SOCK; }
+    // From here until the next connect(), send() never reconnects: a stream that is ending
+    // has nothing left worth a new connection.
+    void stopReconnecting() { reconnects = false; }
+    // True while chunks handed to send() go out (not while a reconnect is still under way).
+    bool isOpen() const { return socket != SRT_INVALID_SOCK && !reconnecting; }
 
     // Splits "HOST:PORT" at its last ':' so that an unbracketed IPv6 host keeps its colons.
     static bool parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
@@ -34,8 +45,15 @@ public:
 
     // Seven 188-byte transport-stream packets: the payload limit of an SRT live message.
     static constexpr std::size_t maxMessageSize = 1316;
+    static constexpr int lingerSeconds = 1;
 
 private:
+    // Creates the socket with every option of the stream; closed again on failure.
+    bool openSocket(std::string& errorText);
+    // Starts a connect to the address the last connect() reached, without waiting for it.
+    void startReconnect();
+    // The reconnect under way has ended: true if it connected (the socket is closed if not).
+    bool reconnectFinished();
     bool setOption(SRT_SOCKOPT option, const char* name, const void* value, int length,
                    std::string& errorText);
 
@@ -43,4 +61,10 @@ private:
     int32_t attempts = 0;
     int64_t retryAt = 0; // steady-clock nanoseconds; 0 when no reconnect is scheduled
     SRTSOCKET socket = SRT_INVALID_SOCK;
+    bool reconnecting = false; // socket is a reconnect whose handshake has not ended yet
+    bool reconnects = true;
+    // Reconnects go to the address found at connect(): resolving a name again could wait on
+    // the network for longer than a tick.
+    sockaddr_storage peer{};
+    int peerLength = 0;
 };

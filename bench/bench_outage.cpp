@@ -1,0 +1,195 @@
+// How long the interface thread is held while the server is gone. The whole program streams to
+// srt-live-transmit on 127.0.0.1; the server is killed with SIGKILL (no goodbye), stays away
+// for the given time and comes back on the same port. A 5 ms heartbeat on the interface thread
+// records its longest gap while the stream runs through the outage, and its longest wait not
+// spent queuing for a processor; then the time until the returned server receives the stream
+// again; then how long switching live off takes while a reconnect attempt is under way.
+//
+// Usage: bench_outage [seconds away]   (default 60; needs DISPLAY and srt-live-transmit)
+
+#include "frame/drawingform.h"
+#include "frame/wcapture.h"
+#include "mainwindow.h"
+#include "support/freeport.h"
+
+#include <QApplication>
+#include <QDeadlineTimer>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QLineEdit>
+#include <QProcess>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+
+namespace {
+
+// Nanoseconds the calling thread has spent waiting for a processor (Linux scheduler counters).
+long long runQueueWaitNs() {
+    long long ran = 0;
+    long long waited = 0;
+    if (FILE* stats = std::fopen("/proc/thread-self/schedstat", "r")) {
+        if (std::fscanf(stats, "%lld %lld", &ran, &waited) != 2)
+            waited = 0;
+        std::fclose(stats);
+    }
+    return waited;
+}
+
+// The interface thread's longest gap between two beats since the last reset, and its longest
+// wait not spent queuing for a processor: on a loaded machine the first includes time the
+// scheduler gave to other threads, the second is what the thread itself was held by.
+class Heartbeat {
+public:
+    Heartbeat() {
+        QObject::connect(&timer, &QTimer::timeout, [this] {
+            const qint64 gap = clock.restart();
+            const long long waited = runQueueWaitNs();
+            const qint64 held = gap - (waited - lastWaited) / 1000000;
+            lastWaited = waited;
+            if (gap > longest) {
+                longest = gap;
+                longestAt = since.elapsed();
+            }
+            longestHeld = std::max(longestHeld, held);
+        });
+        clock.start();
+        since.start();
+        timer.start(5);
+    }
+    void reset() {
+        clock.restart();
+        since.restart();
+        lastWaited = runQueueWaitNs();
+        longest = longestHeld = 0;
+    }
+    qint64 longestMs() const { return longest; }
+    // When the longest gap ended, in milliseconds since the last reset.
+    qint64 longestAtMs() const { return longestAt; }
+    qint64 longestHeldMs() const { return longestHeld; }
+
+private:
+    QTimer timer;
+    QElapsedTimer clock;
+    QElapsedTimer since;
+    long long lastWaited = runQueueWaitNs();
+    qint64 longest = 0;
+    qint64 longestAt = 0;
+    qint64 longestHeld = 0;
+};
+
+// srt-live-transmit listening on the port, writing what arrives into a file.
+std::unique_ptr<QProcess> startServer(uint16_t port, const QString& file) {
+    auto server = std::make_unique<QProcess>();
+    server->setStandardOutputFile(file);
+    server->setStandardErrorFile(QProcess::nullDevice());
+    server->start(
+        "srt-live-transmit",
+        {"-a:no", "-q", QString("srt://127.0.0.1:%1?mode=listener").arg(port), "file://con"});
+    server->waitForStarted();
+    QThread::msleep(300);
+    return server;
+}
+
+void kill(std::unique_ptr<QProcess>& server) {
+    server->kill();
+    server->waitForFinished();
+    server.reset();
+}
+
+// Runs the event loop until the condition holds or the time is up; the milliseconds it took.
+qint64 runUntil(const std::function<bool()>& done, int timeoutMs) {
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!done() && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    return elapsed.elapsed();
+}
+
+bool received(const QString& file) {
+    return QFileInfo(file).size() > 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 60;
+    // The program's settings, logs and update check stay inside this run.
+    QTemporaryDir home;
+    qputenv("XDG_CONFIG_HOME", home.filePath("config").toUtf8());
+    qputenv("BRINDLEWAVE_DATA_DIR", home.filePath("data").toUtf8());
+    qputenv("BRINDLEWAVE_UPDATE_URL", "");
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    QApplication application(argc, argv);
+
+    MainWindow window;
+    WCapture* capture = nullptr;
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (auto* found = qobject_cast<WCapture*>(widget))
+            capture = found;
+    DrawingForm* frame = capture->drawingForm();
+    const uint16_t port = freeLoopbackPort(true);
+    frame->findChild<QLineEdit*>("leHostPort")->setText(QString("127.0.0.1:%1").arg(port));
+    frame->findChild<QLineEdit*>("leStreamId")->setText("bench");
+    runUntil([] { return false; }, 500);
+
+    const QString first = home.filePath("first.ts");
+    auto server = startServer(port, first);
+    frame->findChild<QPushButton*>("pbStart")->click();
+    runUntil([&] { return received(first); }, 10000);
+    if (!capture->liveButton()->isChecked() || !received(first)) {
+        std::fprintf(stderr, "the stream did not start\n");
+        return 1;
+    }
+    runUntil([] { return false; }, 2000);
+
+    Heartbeat heartbeat;
+    kill(server);
+    // The first beats also carry the bench's own handling of the killed process.
+    runUntil([] { return false; }, 200);
+    heartbeat.reset();
+    runUntil([] { return false; }, seconds * 1000 - 200);
+    const qint64 outageWait = heartbeat.longestMs();
+    const qint64 outageWaitAt = heartbeat.longestAtMs();
+    const qint64 outageHeld = heartbeat.longestHeldMs();
+
+    const QString second = home.filePath("second.ts");
+    server = startServer(port, second);
+    const qint64 back = runUntil([&] { return received(second); }, 30000) + 300;
+    const bool resumed = received(second) && capture->liveButton()->isChecked();
+
+    // Away again until libsrt has noticed (5 s) and an attempt has run for a while.
+    kill(server);
+    runUntil([] { return false; }, 6500);
+    heartbeat.reset();
+    QElapsedTimer click;
+    click.start();
+    capture->liveButton()->click();
+    const qint64 offMs = click.elapsed();
+    runUntil([] { return false; }, 100);
+
+    std::printf("outage of %d s, stream live throughout: longest interface-thread gap %lld ms "
+                "(ending %.1f s into the outage); longest wait not queuing for a CPU %lld ms\n",
+                seconds, static_cast<long long>(outageWait), outageWaitAt / 1000.0,
+                static_cast<long long>(outageHeld));
+    if (resumed)
+        std::printf("server back: stream received again %lld ms after the server started\n",
+                    static_cast<long long>(back));
+    else
+        std::printf("server back: stream NOT received within 30 s\n");
+    std::printf("live off during a reconnect attempt: click %lld ms, longest gap %lld ms, "
+                "longest wait not queuing for a CPU %lld ms\n",
+                static_cast<long long>(offMs), static_cast<long long>(heartbeat.longestMs()),
+                static_cast<long long>(heartbeat.longestHeldMs()));
+    std::fflush(stdout);
+    // The tick threads of the stopped run may linger; end without waiting for them.
+    std::_Exit(resumed ? 0 : 1);
+}
