@@ -72,6 +72,7 @@ void MainWindow::loadGlobalState() {
              : new QSettings(QSettings::NativeFormat, QSettings::UserScope,
                              QStringLiteral("Myrtlebrook"), QStringLiteral("Brindlewave"));
     logLine("SETTINGS:", settingsStore->fileName());
+    platform::keepSettingsPrivate(settingsStore->fileName().toLocal8Bit().constData());
 
     room = globalState->settings()->value("ROOM_GUID", QString()).toString();
     if (room.isEmpty()) {

@@ -2,6 +2,7 @@
 
 #include "globalstate.h"
 #include "logfile.h"
+#include "srtaddress.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -96,8 +97,8 @@ bool OUTWriter::start(const StreamParams& newSettings) {
     width = height = 0;
     frameIndex = 0;
     error.clear();
-    logLine("OUTWriter start. hostPort=", settings.hostPort, ", streamId=", settings.streamId,
-            ", videoBitrateKbps=", settings.videoBitrateKbps,
+    logLine("OUTWriter start. hostPort=", SrtAddress::masked(settings.hostPort),
+            ", streamId=", settings.streamId, ", videoBitrateKbps=", settings.videoBitrateKbps,
             ", audioBitrateKbps=", settings.audioBitrateKbps, ", latency=", settings.latency);
     std::string text;
     if (!connection.connect(settings, text)) {
@@ -145,6 +146,7 @@ void OUTWriter::stop() {
     }
     releaseAll();
     connection.close();
+    connection.linkStats().finish();
     active = false;
 }
 

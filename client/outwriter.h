@@ -57,6 +57,8 @@ public:
     // Flushes and closes whatever runs; harmless when nothing does.
     void stop();
     const std::string& lastError() const { return error; }
+    // True while a live stream's connection is down and being re-established.
+    bool linkDown() const { return connection.linkStats().down(); }
 
 private:
     bool initEncoder(int newWidth, int newHeight);

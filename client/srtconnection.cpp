@@ -1,6 +1,7 @@
 #include "srtconnection.h"
 
 #include "platform/sockets.h"
+#include "srtaddress.h"
 
 #include <algorithm>
 #include <chrono>
@@ -45,10 +46,13 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
     attempts = 0;
     retryAt = 0;
 
-    std::string host;
-    int32_t port = 0;
-    if (!parseHostPort(settings.hostPort, host, port, errorText))
+    SrtAddress address;
+    if (!SrtAddress::parse(settings.hostPort, address, errorText))
         return false;
+    const std::string& host = address.host;
+    const int32_t port = address.port;
+    // The form's stream id field, when filled in, wins over the address's.
+    const std::string& streamId = settings.streamId.empty() ? address.streamId : settings.streamId;
 
     socket = srt_create_socket();
     if (socket == SRT_INVALID_SOCK) {
@@ -65,15 +69,15 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
     setOption(SRTO_SNDBUF, "SRTO_SNDBUF", &sendBufferBytes, sizeof sendBufferBytes, errorText);
     setOption(SRTO_UDP_SNDBUF, "SRTO_UDP_SNDBUF", &udpSendBufferBytes, sizeof udpSendBufferBytes,
               errorText);
-    if (!settings.streamId.empty() &&
-        srt_setsockopt(socket, 0, SRTO_STREAMID, settings.streamId.data(),
-                       static_cast<int>(settings.streamId.size())) == SRT_ERROR) {
+    if (!streamId.empty() && srt_setsockopt(socket, 0, SRTO_STREAMID, streamId.data(),
+                                            static_cast<int>(streamId.size())) == SRT_ERROR) {
         errorText = std::string("failed to set SRTO_STREAMID: ") + srt_getlasterror_str();
         close();
         return false;
     }
     const int latency = settings.latency;
-    if (!setOption(SRTO_PEERLATENCY, "SRTO_PEERLATENCY", &latency, sizeof latency, errorText)) {
+    if (!setOption(SRTO_PEERLATENCY, "SRTO_PEERLATENCY", &latency, sizeof latency, errorText) ||
+        !address.applyTo(socket, errorText)) {
         close();
         return false;
     }
@@ -94,9 +98,11 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
         connected =
             srt_connect(socket, entry->ai_addr, static_cast<int>(entry->ai_addrlen)) != SRT_ERROR;
     freeaddrinfo(list);
-    if (connected)
+    if (connected) {
+        stats.connected();
         return true;
-    errorText = std::string("SRT connect failed: ") + srt_getlasterror_str();
+    }
+    errorText = address.connectFailure(socket);
     close();
     return false;
 }
@@ -120,8 +126,11 @@ bool SrtConnection::sendAll(const uint8_t* data, std::size_t size, std::string& 
 bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& errorText) {
     if (socket != SRT_INVALID_SOCK) {
         if (data && size != 0 && !sendAll(data, size, errorText)) {
+            stats.lost();
             closeAndScheduleReconnect();
             errorText.clear();
+        } else {
+            stats.sent(socket);
         }
         return true;
     }
@@ -152,6 +161,7 @@ void SrtConnection::close() {
            srt_getsndbuffer(socket, &blocks, &bytes) == 0 && blocks > 0 &&
            std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    stats.closing(socket);
     srt_close(socket);
     socket = SRT_INVALID_SOCK;
 }

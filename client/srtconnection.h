@@ -1,5 +1,6 @@
 #pragma once
 
+#include "linkstats.h"
 #include "streamparams.h"
 
 #include <srt/srt.h>
@@ -27,6 +28,8 @@ public:
     void close();
     void closeAndScheduleReconnect();
     bool isOpen() const { return socket != SRT_INVALID_SOCK; }
+    LinkStats& linkStats() { return stats; }
+    const LinkStats& linkStats() const { return stats; }
 
     // Splits "HOST:PORT" at its last ':' so that an unbracketed IPv6 host keeps its colons.
     static bool parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
@@ -43,4 +46,5 @@ private:
     int32_t attempts = 0;
     int64_t retryAt = 0; // steady-clock nanoseconds; 0 when no reconnect is scheduled
     SRTSOCKET socket = SRT_INVALID_SOCK;
+    LinkStats stats;
 };
