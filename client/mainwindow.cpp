@@ -72,7 +72,6 @@ void MainWindow::loadGlobalState() {
              : new QSettings(QSettings::NativeFormat, QSettings::UserScope,
                              QStringLiteral("Myrtlebrook"), QStringLiteral("Brindlewave"));
     logLine("SETTINGS:", settingsStore->fileName());
-    platform::keepSettingsPrivate(settingsStore->fileName().toLocal8Bit().constData());
 
     room = globalState->settings()->value("ROOM_GUID", QString()).toString();
     if (room.isEmpty()) {
@@ -81,6 +80,9 @@ void MainWindow::loadGlobalState() {
         room = braced.mid(1, braced.size() - 2);
         globalState->settings()->setValue("ROOM_GUID", room);
     }
+    // Written out at once, so that the file is private before an address is ever put in it.
+    settingsStore->sync();
+    platform::keepSettingsPrivate(settingsStore->fileName().toLocal8Bit().constData());
 }
 
 QSettings* MainWindow::settings() {

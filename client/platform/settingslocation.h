@@ -7,7 +7,7 @@ namespace platform {
 const char* settingsPath();
 
 // Makes the settings file, which holds server addresses and their secrets, readable by its
-// owner only; creates it empty when missing. Nothing to do where the store is not a file.
+// owner only. Nothing to do where the store is not a file.
 void keepSettingsPrivate(const char* file);
 
 } // namespace platform
