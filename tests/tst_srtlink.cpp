@@ -116,7 +116,9 @@ void SrtLinkTest::encryptedLinkSurvivesAServerRestart() {
     const uint16_t port = freeLoopbackPort(true);
     QVERIFY(listener.start(port));
 
-    goLive(QString("srt://127.0.0.1:%1?streamid=%23!%3A%3Ar%3Dtalk,m%3Dpublish&passphrase=%2"
+    // The form's stream id wins over the address's.
+    capture->drawingForm()->findChild<QLineEdit*>("leStreamId")->setText("#!::r=talk,m=publish");
+    goLive(QString("srt://127.0.0.1:%1?streamid=other+id&passphrase=%2"
                    "&pbkeylen=32&latency=120")
                .arg(port)
                .arg(encodedSecret));
