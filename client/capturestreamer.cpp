@@ -1,6 +1,7 @@
 #include "capturestreamer.h"
 
 #include "frame/drawingform.h"
+#include "frame/linkindicator.h"
 
 #include <QApplication>
 #include <chrono>
@@ -8,6 +9,7 @@
 #include <thread>
 
 CaptureStreamer::CaptureStreamer() {
+    new LinkIndicator(captureFrame.liveButton(), [this] { return writer.linkDown(); });
     connect(&captureFrame, &WCapture::fullClose, this, [this] {
         stop();
         std::exit(0);

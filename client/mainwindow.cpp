@@ -85,6 +85,9 @@ void MainWindow::loadGlobalState() {
         room = braced.mid(1, braced.size() - 2);
         globalState->settings()->setValue("ROOM_GUID", room);
     }
+    // Written out at once, so that the file is private before an address is ever put in it.
+    settingsStore->sync();
+    platform::keepSettingsPrivate(settingsStore->fileName().toLocal8Bit().constData());
 }
 
 QSettings* MainWindow::settings() {

@@ -2,6 +2,7 @@
 
 #include "globalstate.h"
 #include "logfile.h"
+#include "srtaddress.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -99,8 +100,8 @@ bool OUTWriter::start(const StreamParams& newSettings) {
     frameIndex = 0;
     lastPts = -1;
     error.clear();
-    logLine("OUTWriter start. hostPort=", settings.hostPort, ", streamId=", settings.streamId,
-            ", videoBitrateKbps=", settings.videoBitrateKbps,
+    logLine("OUTWriter start. hostPort=", SrtAddress::masked(settings.hostPort),
+            ", streamId=", settings.streamId, ", videoBitrateKbps=", settings.videoBitrateKbps,
             ", audioBitrateKbps=", settings.audioBitrateKbps, ", latency=", settings.latency);
     std::string text;
     if (!connection.connect(settings, text)) {
@@ -179,6 +180,7 @@ void OUTWriter::stop() {
     }
     releaseAll();
     connection.close();
+    connection.linkStats().finish();
     active = false;
 }
 

@@ -66,6 +66,8 @@ public:
     // Flushes and closes whatever runs; harmless when nothing does.
     void stop();
     const std::string& lastError() const { return error; }
+    // True while a live stream's connection is down and being re-established.
+    bool linkDown() const { return connection.linkStats().down(); }
 
 private:
     bool openStream(int newWidth, int newHeight);

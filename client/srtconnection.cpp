@@ -45,12 +45,16 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
     reconnects = true;
     peerLength = 0;
 
-    std::string host;
-    int32_t port = 0;
-    if (!parseHostPort(settings.hostPort, host, port, errorText))
+    address = SrtAddress();
+    if (!SrtAddress::parse(settings.hostPort, address, errorText))
         return false;
+    // The form's stream id field, when filled in, wins over the address's.
+    if (!settings.streamId.empty())
+        address.streamId = settings.streamId;
     if (!openSocket(errorText))
         return false;
+    const std::string& host = address.host;
+    const int32_t port = address.port;
 
     addrinfo hints{};
     hints.ai_socktype = SOCK_DGRAM;
@@ -70,9 +74,11 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
             peerLength = static_cast<int>(entry->ai_addrlen);
         }
     freeaddrinfo(list);
-    if (peerLength != 0)
+    if (peerLength != 0) {
+        stats.connected();
         return true;
-    errorText = std::string("SRT connect failed: ") + srt_getlasterror_str();
+    }
+    errorText = address.connectFailure(socket);
     close();
     return false;
 }
@@ -93,15 +99,16 @@ bool SrtConnection::openSocket(std::string& errorText) {
     setOption(SRTO_SNDBUF, "SRTO_SNDBUF", &sendBufferBytes, sizeof sendBufferBytes, errorText);
     setOption(SRTO_UDP_SNDBUF, "SRTO_UDP_SNDBUF", &udpSendBufferBytes, sizeof udpSendBufferBytes,
               errorText);
-    if (!settings.streamId.empty() &&
-        srt_setsockopt(socket, 0, SRTO_STREAMID, settings.streamId.data(),
-                       static_cast<int>(settings.streamId.size())) == SRT_ERROR) {
+    const std::string& streamId = address.streamId;
+    if (!streamId.empty() && srt_setsockopt(socket, 0, SRTO_STREAMID, streamId.data(),
+                                            static_cast<int>(streamId.size())) == SRT_ERROR) {
         errorText = std::string("failed to set SRTO_STREAMID: ") + srt_getlasterror_str();
         close();
         return false;
     }
     const int latency = settings.latency;
-    if (!setOption(SRTO_PEERLATENCY, "SRTO_PEERLATENCY", &latency, sizeof latency, errorText)) {
+    if (!setOption(SRTO_PEERLATENCY, "SRTO_PEERLATENCY", &latency, sizeof latency, errorText) ||
+        !address.applyTo(socket, errorText)) {
         close();
         return false;
     }
@@ -135,7 +142,7 @@ void SrtConnection::startReconnect() {
         return;
     }
     reconnecting = true;
-    logLine("SrtConnection reconnecting to ", settings.hostPort);
+    logLine("SrtConnection reconnecting to ", SrtAddress::masked(settings.hostPort));
 }
 
 bool SrtConnection::reconnectFinished() {
@@ -144,7 +151,8 @@ bool SrtConnection::reconnectFinished() {
         return false;
     reconnecting = false;
     if (state == SRTS_CONNECTED) {
-        logLine("SrtConnection reconnected to ", settings.hostPort);
+        logLine("SrtConnection reconnected to ", SrtAddress::masked(settings.hostPort));
+        stats.connected();
         return true;
     }
     closeAndScheduleReconnect();
@@ -176,9 +184,12 @@ bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& err
         return true;
     if (socket != SRT_INVALID_SOCK) {
         if (data && size != 0 && !sendAll(data, size, errorText)) {
-            logLine("SrtConnection lost ", settings.hostPort, ": ", errorText);
+            logLine("SrtConnection lost ", SrtAddress::masked(settings.hostPort), ": ", errorText);
+            stats.lost();
             closeAndScheduleReconnect();
             errorText.clear();
+        } else {
+            stats.sent(socket);
         }
         return true;
     }
@@ -199,8 +210,10 @@ void SrtConnection::close() {
     if (socket == SRT_INVALID_SOCK)
         return;
     if (reconnecting)
-        logLine("SrtConnection abandons the reconnect in progress to ", settings.hostPort);
+        logLine("SrtConnection abandons the reconnect in progress to ",
+                SrtAddress::masked(settings.hostPort));
     reconnecting = false;
+    stats.closing(socket);
     srt_close(socket);
     socket = SRT_INVALID_SOCK;
 }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "linkstats.h"
 #include "platform/sockets.h"
+#include "srtaddress.h"
 #include "streamparams.h"
 
 #include <srt/srt.h>
@@ -38,6 +40,8 @@ public:
     void stopReconnecting() { reconnects = false; }
     // True while chunks handed to send() go out (not while a reconnect is still under way).
     bool isOpen() const { return socket != SRT_INVALID_SOCK && !reconnecting; }
+    LinkStats& linkStats() { return stats; }
+    const LinkStats& linkStats() const { return stats; }
 
     // Splits "HOST:PORT" at its last ':' so that an unbracketed IPv6 host keeps its colons.
     static bool parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
@@ -67,4 +71,7 @@ private:
     // the network for longer than a tick.
     sockaddr_storage peer{};
     int peerLength = 0;
+    // The parsed address of the last connect(), options and secrets included.
+    SrtAddress address;
+    LinkStats stats;
 };

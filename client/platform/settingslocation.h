@@ -6,4 +6,8 @@ namespace platform {
 // registry key on Windows); null where the toolkit's per-user default location is used.
 const char* settingsPath();
 
+// Makes the settings file, which holds server addresses and their secrets, readable by its
+// owner only. Nothing to do where the store is not a file.
+void keepSettingsPrivate(const char* file);
+
 } // namespace platform

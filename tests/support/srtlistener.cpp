@@ -43,6 +43,8 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
     if (epoll < 0 || srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &async, sizeof async) != 0 ||
         srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &deliverAtOnce, sizeof deliverAtOnce) != 0 ||
+        (!passphrase.empty() && srt_setsockflag(listenSocket, SRTO_PASSPHRASE, passphrase.data(),
+                                                static_cast<int>(passphrase.size())) != 0) ||
         srt_bind(listenSocket, reinterpret_cast<sockaddr*>(&address),
                  static_cast<int>(addressLength)) != 0 ||
         srt_listen(listenSocket, 4) != 0 ||

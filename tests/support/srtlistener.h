@@ -29,6 +29,8 @@ public:
     // Connections recorded before a stop stay; later ones are appended.
     // Listens on 127.0.0.1, or on ::1 when ipv6 is set.
     bool start(uint16_t port, bool ipv6 = false);
+    // Callers must bring this passphrase from the next start on; empty: no encryption.
+    void setPassphrase(const std::string& text) { passphrase = text; }
     // Closes the listening socket and every accepted connection (the callers see them break).
     void stop();
 
@@ -47,4 +49,5 @@ private:
     std::vector<Connection> received;
     std::atomic<bool> stopping{false};
     std::thread thread;
+    std::string passphrase;
 };

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <srt/srt.h>
+
+#include <cstdint>
+#include <string>
+
+// A server address as the user types it: a plain "HOST:PORT", or
+// "srt://HOST:PORT?option=value&..." with the options servers commonly ask for. Option values
+// are percent-decoded; an IPv6 host in the srt:// form is written in brackets.
+class SrtAddress {
+public:
+    // Parses without touching the network; errorText names what is wrong.
+    static bool parse(const std::string& text, SrtAddress& address, std::string& errorText);
+    // The address as it may be logged: the passphrase's value is masked.
+    static std::string masked(const std::string& text);
+
+    // Sets the passphrase, key length and latency that the address carries.
+    bool applyTo(SRTSOCKET socket, std::string& errorText) const;
+    // Why srt_connect failed on the socket, in words a presenter can act on.
+    std::string connectFailure(SRTSOCKET socket) const;
+
+    std::string host;
+    int32_t port = 0;
+    std::string streamId;
+    std::string passphrase;
+    int32_t keyLength = 0; // bytes; 0 leaves libsrt's default
+    int32_t latency = -1;  // milliseconds; negative leaves the stream's own peer latency
+
+private:
+    bool parseUrl(const std::string& text, std::string& errorText);
+    bool setOption(const std::string& name, const std::string& value, std::string& errorText);
+};
