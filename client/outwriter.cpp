@@ -386,6 +386,9 @@ bool OUTWriter::drainEncoder(bool flush) {
             return false;
         }
     }
+    // The output buffer holds more than a second of a still picture: each frame leaves at once
+    // instead of waiting for the buffer to fill, which viewers would see as delay.
+    avio_flush(io);
     return true;
 }
 
