@@ -2,7 +2,7 @@
 #include "frame/wcapture.h"
 #include "startup.h"
 #include "support/freeport.h"
-#include "support/tsreceiver.h"
+#include "support/srtlistener.h"
 
 #include <QApplication>
 #include <QDir>
@@ -10,23 +10,17 @@
 #include <QProcess>
 #include <QPushButton>
 #include <QRegularExpression>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
-#include <optional>
 
 namespace {
 
-QByteArray run(const QString& program, const QStringList& arguments) {
+QByteArray xdotool(const QStringList& arguments) {
     QProcess process;
-    process.start(program, arguments);
+    process.start("xdotool", arguments);
     process.waitForFinished(10000);
     return process.readAllStandardOutput();
-}
-
-// A real pointer click through the X server, as a person would make it.
-void clickAt(QPoint point) {
-    run("xdotool",
-        {"mousemove", QString::number(point.x()), QString::number(point.y()), "click", "1"});
 }
 
 // The frame is mapped again asynchronously after a mode change: click until the program
@@ -34,7 +28,8 @@ void clickAt(QPoint point) {
 bool clickUntilFinished(QProcess& program, QPoint point) {
     QDeadlineTimer deadline(20000);
     do {
-        clickAt(point);
+        xdotool(
+            {"mousemove", QString::number(point.x()), QString::number(point.y()), "click", "1"});
         if (program.waitForFinished(500))
             return true;
     } while (!deadline.hasExpired());
@@ -42,25 +37,18 @@ bool clickUntilFinished(QProcess& program, QPoint point) {
 }
 
 // Where the program's tool column stands on the screen; none while it is not shown.
-std::optional<QPoint> columnPosition() {
-    const QByteArray geometry =
-        run("xdotool", {"search", "--onlyvisible", "--name", "^Capture$", "getwindowgeometry"});
+QPoint columnPosition() {
     const QRegularExpressionMatch position =
-        QRegularExpression("Position: (-?\\d+),(-?\\d+)").match(QString::fromUtf8(geometry));
-    if (!position.hasMatch())
-        return std::nullopt;
-    return QPoint(position.captured(1).toInt(), position.captured(2).toInt());
+        QRegularExpression("Position: (-?\\d+),(-?\\d+)")
+            .match(
+                xdotool({"search", "--onlyvisible", "--name", "^Capture$", "getwindowgeometry"}));
+    return position.hasMatch() ? QPoint(position.captured(1).toInt(), position.captured(2).toInt())
+                               : QPoint(-1, -1);
 }
 
-QString logText(const QString& dataFolder) {
-    const QDir logs(dataFolder + "/logs");
-    QString text;
-    for (const QString& name : logs.entryList({"brindle_client_*.txt"}, QDir::Files)) {
-        QFile file(logs.filePath(name));
-        if (file.open(QIODevice::ReadOnly))
-            text += QString::fromUtf8(file.readAll());
-    }
-    return text;
+QString textOf(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 const char* const encoderMessage = "Failed to initialize video encoder or MPEG-TS output";
@@ -73,18 +61,14 @@ class ApplicationTest : public QObject {
 
 private Q_SLOTS:
     void initTestCase();
-    void streamsStopsAndExitsWithZero();
-    void encoderThatCannotOpenIsShownInTheForm();
+    void clickedThroughARun_data();
+    void clickedThroughARun();
 
 private:
-    // Starts the program from `executable` with its own settings and data folders; the
-    // settings already hold the server's address, as after an earlier run.
-    bool startProgram(QProcess& program, const QString& executable, uint16_t port);
-
     QTemporaryDir folder;
     QPoint liveButton;
     QPoint exitButton;
-    QPoint exitButtonBelowEncoderMessage;
+    QPoint exitButtonBelowMessage;
     QPoint columnInPlace;
 };
 
@@ -102,100 +86,107 @@ void ApplicationTest::initTestCase() {
     // A message in the form moves the exit button down.
     twin->drawingForm()->changeStatus(encoderMessage, 0);
     QTRY_VERIFY(pbExit->mapToGlobal(pbExit->rect().center()) != exitButton);
-    exitButtonBelowEncoderMessage = pbExit->mapToGlobal(pbExit->rect().center());
+    exitButtonBelowMessage = pbExit->mapToGlobal(pbExit->rect().center());
     twin->hide();
     QTRY_VERIFY(!twin->drawingForm()->isVisible());
 }
 
-bool ApplicationTest::startProgram(QProcess& program, const QString& executable, uint16_t port) {
-    const QString config = folder.filePath("config");
-    QDir().mkpath(config + "/Myrtlebrook");
-    QFile settings(config + "/Myrtlebrook/Brindlewave.conf");
-    if (!settings.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    settings.write(QString("[General]\nSRT_HOST_PORT=127.0.0.1:%1\n").arg(port).toUtf8());
-    settings.close();
-
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("XDG_CONFIG_HOME", config);
-    environment.insert("BRINDLEWAVE_DATA_DIR", folder.filePath("data"));
-    program.setProcessEnvironment(environment);
-    program.setProcessChannelMode(QProcess::ForwardedChannels);
-    program.start(executable, QStringList());
-    if (!program.waitForStarted())
-        return false;
-    // The column is first shown where the screen's size puts it, then set beside the frame:
-    // the buttons are only where they were measured once it stands there.
-    QDeadlineTimer deadline(30000);
-    while (columnPosition() != columnInPlace && !deadline.hasExpired())
-        QTest::qWait(50);
-    return columnPosition() == columnInPlace;
+void ApplicationTest::clickedThroughARun_data() {
+    QTest::addColumn<QByteArray>("configIni"); // beside the executable
+    QTest::addColumn<QString>("roomGuid");     // stored by an earlier run
+    QTest::newRow("streams, stops and exits with zero") << QByteArray() << "";
+    // VAAPI takes only hardware surfaces, so it is refused on every machine.
+    QTest::newRow("encoder that cannot open is shown in the form")
+        << QByteArray("codec = h264_vaapi\n") << "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0";
 }
 
-void ApplicationTest::streamsStopsAndExitsWithZero() {
+void ApplicationTest::clickedThroughARun() {
+    QFETCH(QByteArray, configIni);
+    QFETCH(QString, roomGuid);
+    const bool streams = configIni.isEmpty();
     const uint16_t port = freeLoopbackPort(true);
-    TsReceiver receiver(folder.filePath("stream.ts"));
-    QVERIFY(receiver.start(port));
+    SrtListener listener;
+    QVERIFY(listener.start(port));
 
-    QProcess program;
-    QVERIFY(startProgram(program,
-                         qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave", port));
-    clickAt(liveButton);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        TsReceiver::probe(receiver.outputPath())["frames"].toArray().size() >= 25, 30000);
-    clickAt(liveButton);
-    QVERIFY(receiver.finish());
-
-    QVERIFY(clickUntilFinished(program, exitButton));
-    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(program.exitCode(), 0);
-
-    const QJsonArray streams = TsReceiver::probe(receiver.outputPath())["streams"].toArray();
-    QCOMPARE(streams.size(), 1);
-    QCOMPARE(streams[0].toObject()["codec_name"].toString(), QString("h264"));
-    QCOMPARE(streams[0].toObject()["width"].toInt(), 1920);
-    QCOMPARE(streams[0].toObject()["height"].toInt(), 1080);
-
-    const QString log = logText(folder.filePath("data"));
-    QVERIFY2(log.contains(QString("OUTWriter start. hostPort=127.0.0.1:%1").arg(port)),
-             qPrintable(log));
-    // The column's placement on the 1920x1080 test screen, items run together.
-    QVERIFY(log.contains("screen:001920x1080"));
-    QVERIFY(log.contains("move: 640360"));
-    QVERIFY(log.contains("switchLive1"));
-    QVERIFY(log.contains("switchLive0"));
-    QVERIFY(log.contains("OUTWriter stop. frames="));
-}
-
-void ApplicationTest::encoderThatCannotOpenIsShownInTheForm() {
     // config.ini is read beside the executable: this run gets a copy of its own.
-    const QString bin = folder.filePath("bin");
-    QVERIFY(QDir().mkpath(bin));
+    const QString bin = folder.filePath(QTest::currentDataTag());
     const QString executable = bin + "/brindlewave";
-    QFile::remove(executable);
+    QVERIFY(QDir().mkpath(bin));
     QVERIFY(QFile::copy(qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave",
                         executable));
     QFile config(bin + "/config.ini");
-    QVERIFY(config.open(QIODevice::WriteOnly));
-    config.write("codec = h264_vaapi\n");
+    QVERIFY(streams || (config.open(QIODevice::WriteOnly) && config.write(configIni) > 0));
     config.close();
-    QDir(folder.filePath("data/logs")).removeRecursively();
+    // The settings hold the server's address, as after an earlier run.
+    const QString settingsFile = bin + "/config/Myrtlebrook/Brindlewave.conf";
+    QVERIFY(QDir().mkpath(bin + "/config/Myrtlebrook"));
+    QFile settings(settingsFile);
+    QVERIFY(settings.open(QIODevice::WriteOnly));
+    settings.write(QString("[General]\nSRT_HOST_PORT=127.0.0.1:%1\n").arg(port).toUtf8() +
+                   (roomGuid.isEmpty() ? QByteArray() : "ROOM_GUID=" + roomGuid.toUtf8() + "\n"));
+    settings.close();
 
-    const uint16_t port = freeLoopbackPort(true);
-    TsReceiver receiver(folder.filePath("refused.ts"));
-    QVERIFY(receiver.start(port));
     QProcess program;
-    QVERIFY(startProgram(program, executable, port));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("XDG_CONFIG_HOME", bin + "/config");
+    environment.insert("BRINDLEWAVE_DATA_DIR", bin + "/data");
+    program.setProcessEnvironment(environment);
+    program.setProcessChannelMode(QProcess::ForwardedChannels);
+    program.start(executable, QStringList());
+    QVERIFY(program.waitForStarted());
+    // The column is first shown where the screen's size puts it, then set beside the frame:
+    // the buttons are only where they were measured once it stands there.
+    QTRY_COMPARE_WITH_TIMEOUT(columnPosition(), columnInPlace, 30000);
 
-    clickAt(liveButton);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        logText(folder.filePath("data")).contains(QString("changeStatus 0 ") + encoderMessage),
-        30000);
-    QCOMPARE(program.state(), QProcess::Running);
-
-    // The form is back, with the message: its exit button answers.
-    QVERIFY(clickUntilFinished(program, exitButtonBelowEncoderMessage));
+    xdotool({"mousemove", QString::number(liveButton.x()), QString::number(liveButton.y()), "click",
+             "1"});
+    const QDir logs(bin + "/data/logs");
+    const auto log = [&] {
+        const QStringList names = logs.entryList({"brindle_client_*.txt"}, QDir::Files);
+        return names.size() == 1 ? textOf(logs.filePath(names[0])) : QString();
+    };
+    if (streams) {
+        QTRY_VERIFY_WITH_TIMEOUT(listener.probe(0)["frames"].toArray().size() >= 25, 30000);
+        xdotool({"mousemove", QString::number(liveButton.x()), QString::number(liveButton.y()),
+                 "click", "1"});
+        QTRY_VERIFY(listener.connections()[0].closed);
+    } else {
+        QTRY_VERIFY_WITH_TIMEOUT(log().contains(QString("changeStatus 0 ") + encoderMessage),
+                                 30000);
+        QCOMPARE(program.state(), QProcess::Running);
+    }
+    // The form is back, with the message if there was one: its exit button answers.
+    QVERIFY(clickUntilFinished(program, streams ? exitButton : exitButtonBelowMessage));
+    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
     QCOMPARE(program.exitCode(), 0);
+
+    if (streams) {
+        const QJsonArray arrived = listener.probe(0)["streams"].toArray();
+        QCOMPARE(arrived.size(), 1);
+        QCOMPARE(arrived[0].toObject()["codec_name"].toString(), QString("h264"));
+        QCOMPARE(arrived[0].toObject()["width"].toInt(), 1920);
+        QCOMPARE(arrived[0].toObject()["height"].toInt(), 1080);
+    }
+    // Log items run together; the column's placement is that on the 1920x1080 test screen.
+    const QString text = log();
+    QStringList lines{"SETTINGS:" + settingsFile, "screen:001920x1080", "move: 640360",
+                      "switchLive1",
+                      QString("OUTWriter start. hostPort=127.0.0.1:%1, streamId=, "
+                              "videoBitrateKbps=5000, audioBitrateKbps=128, latency=10")
+                          .arg(port)};
+    if (streams)
+        lines << "switchLive0"
+              << "OUTWriter stop. frames=";
+    for (const QString& line : lines)
+        QVERIFY2(text.contains(line), qPrintable(line + " not in\n" + text));
+
+    // The room identifier is made once and kept.
+    const QString room =
+        QSettings(settingsFile, QSettings::IniFormat).value("ROOM_GUID").toString();
+    QVERIFY2(
+        QRegularExpression("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$").match(room).hasMatch(),
+        qPrintable(room));
+    QVERIFY(roomGuid.isEmpty() || room == roomGuid);
 }
 
 QTEST_MAIN(ApplicationTest)

@@ -1,5 +1,7 @@
 #include "messagecapture.h"
 
+#include "logfile.h"
+
 #include <QMutex>
 #include <QMutexLocker>
 #include <utility>
@@ -22,37 +24,37 @@ void capture(QtMsgType type, const QMessageLogContext& context, const QString& m
 
 } // namespace
 
-MessageCapture::MessageCapture() {
-    QMutexLocker lock(&mutex);
-    captured.clear();
-    previous = qInstallMessageHandler(capture);
+MessageCapture::MessageCapture() : previousLog(logStream) {
+    {
+        QMutexLocker lock(&mutex);
+        captured.clear();
+        previous = qInstallMessageHandler(capture);
+    }
+    logfile::lockLine();
+    logStream = &logBuffer;
+    logfile::unlockLine();
 }
 
 MessageCapture::~MessageCapture() {
     qInstallMessageHandler(previous);
+    logfile::lockLine();
+    if (logStream == &logBuffer)
+        logStream = previousLog;
+    logfile::unlockLine();
 }
 
-QStringList MessageCapture::messages() const {
-    QMutexLocker lock(&mutex);
-    QStringList all;
-    for (const auto& message : captured)
-        all << message.second;
-    return all;
+std::string MessageCapture::log() const {
+    logfile::lockLine();
+    std::string copy = logBuffer.str();
+    logfile::unlockLine();
+    return copy;
 }
 
 QStringList MessageCapture::messagesOf(QtMsgType type) const {
     QMutexLocker lock(&mutex);
     QStringList matching;
     for (const auto& message : captured)
-        if (message.first == type)
+        if (type == QtMsgType(-1) || message.first == type)
             matching << message.second;
     return matching;
-}
-
-bool MessageCapture::contains(const QString& part) const {
-    const QStringList all = messages();
-    for (const QString& message : all)
-        if (message.contains(part))
-            return true;
-    return false;
 }

@@ -3,6 +3,9 @@
 #include <srt/srt.h>
 
 #include <QByteArray>
+#include <QImage>
+#include <QJsonObject>
+#include <QStringList>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -10,9 +13,10 @@
 #include <thread>
 #include <vector>
 
-// A live-mode SRT listener on 127.0.0.1 that accepts any number of callers one after another
-// and records, per connection, the stream id the caller sent and every message it received.
-// It can be stopped and started again on the same port to play a server that goes away.
+// The tests' SRT server: a live-mode libsrt listener on 127.0.0.1 (or ::1) that accepts callers
+// one after another and records, per connection, the stream id the caller sent and every message
+// it received. It stops and starts again on the same port to play a server that goes away. What
+// a connection received is looked at as a viewer would see it, through ffprobe and ffmpeg.
 class SrtListener {
 public:
     struct Connection {
@@ -27,7 +31,6 @@ public:
     SrtListener& operator=(const SrtListener&) = delete;
 
     // Connections recorded before a stop stay; later ones are appended.
-    // Listens on 127.0.0.1, or on ::1 when ipv6 is set.
     bool start(uint16_t port, bool ipv6 = false);
     // Closes the listening socket and every accepted connection (the callers see them break).
     void stop();
@@ -37,11 +40,17 @@ public:
     // The payload of one connection, messages joined in order of arrival.
     QByteArray bytes(std::size_t connection) const;
 
+    // ffprobe's "streams" and "frames" of one connection's payload; empty on failure.
+    QJsonObject probe(std::size_t connection) const;
+    // One decoded picture of one connection's payload, at the stream's size; null on failure.
+    QImage picture(std::size_t connection, int index) const;
+
 private:
     void run(SRTSOCKET listenSocket, int epoll);
-    // Records what is waiting on an accepted socket; true once the connection has ended.
+    // Records what is waiting on an accepted socket; false once the connection has ended.
     bool receive(SRTSOCKET socket, std::size_t index);
-    void finish(int epoll, SRTSOCKET socket, std::size_t index);
+    // Runs a tool with the payload in a file named where the arguments say "IN".
+    QByteArray runTool(std::size_t connection, const QString& program, QStringList arguments) const;
 
     mutable std::mutex mutex;
     std::vector<Connection> received;
