@@ -55,6 +55,7 @@ private:
     WCapture* capture = nullptr;
     DrawingForm* frame = nullptr;
     QLabel* message = nullptr;
+    QPushButton* live = nullptr;
     std::unique_ptr<PatternWindow> pattern;
 };
 
@@ -66,16 +67,14 @@ void CaptureStreamerTest::initTestCase() {
     QVERIFY(!window->isVisible());
     frame = capture->drawingForm();
     message = frame->findChild<QLabel*>("lblMessage");
+    live = capture->liveButton();
     // Without config.ini the encoder gets its defaults.
     const StreamConfig* config = globalState->config();
-    QCOMPARE(config->fps, 25);
-    QCOMPARE(config->bitrate, 1000000);
-    QCOMPARE(config->codec, QString("libopenh264"));
-    QCOMPARE(config->framesize, QString("1920x1080"));
+    QVERIFY(config->fps == 25 && config->bitrate == 1000000 && config->codec == "libopenh264" &&
+            config->framesize == "1920x1080");
     // What reaches the global state reaches the form.
     globalState->changeStatus("Server is full", 0);
-    QVERIFY(message->isVisible());
-    QCOMPARE(message->text(), QString("Server is full"));
+    QVERIFY(message->isVisible() && message->text() == "Server is full");
     pattern = std::make_unique<PatternWindow>(capture->captureRect.load());
     QVERIFY(QTest::qWaitForWindowExposed(pattern.get()));
 }
@@ -90,8 +89,8 @@ void CaptureStreamerTest::goLive(const QString& address, const QString& streamId
 void CaptureStreamerTest::verifyFormMode() {
     QVERIFY(frame->isVisible() && frame->connectionForm()->isVisible());
     QCOMPARE(frame->findChild<QPushButton*>("pbStart")->text(), QString("START"));
-    QVERIFY(!capture->liveButton()->isChecked());
-    QVERIFY(showsIcon(capture->liveButton(), ":/icons/WHITE_LIVE.png"));
+    QVERIFY(!live->isChecked());
+    QVERIFY(showsIcon(live, ":/icons/WHITE_LIVE.png"));
     QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
                  frame->windowHandle());
 }
@@ -103,8 +102,8 @@ void CaptureStreamerTest::streamsTheFramedPictureStretched() {
 
     // The form's texts are taken trimmed, and remembered for the next run.
     goLive(QString("  127.0.0.1:%1\t").arg(port), " cam ");
-    QVERIFY(capture->liveButton()->isChecked());
-    QVERIFY(showsIcon(capture->liveButton(), ":/icons/RED_LIVE.png"));
+    QVERIFY(live->isChecked());
+    QVERIFY(showsIcon(live, ":/icons/RED_LIVE.png"));
     QVERIFY(!frame->connectionForm()->isVisible());
     QCOMPARE(window->settings()->value("SRT_HOST_PORT").toString(),
              QString("127.0.0.1:%1").arg(port));
@@ -115,31 +114,18 @@ void CaptureStreamerTest::streamsTheFramedPictureStretched() {
 
     // Two seconds of picture at least: the stream is cut only once that much has arrived.
     QTRY_VERIFY_WITH_TIMEOUT(listener.probe(0)["frames"].toArray().size() >= 50, 30000);
-    QTest::mouseClick(capture->liveButton(), Qt::LeftButton);
+    QTest::mouseClick(live, Qt::LeftButton);
     verifyFormMode();
     QTRY_VERIFY(listener.connections()[0].closed);
     QCOMPARE(listener.connections()[0].streamId, std::string("cam"));
 
-    const QJsonArray streams = listener.probe(0)["streams"].toArray();
-    QCOMPARE(streams.size(), 1);
-    const QJsonObject video = streams[0].toObject();
-    QCOMPARE(video["codec_name"].toString(), QString("h264"));
-    QCOMPARE(video["width"].toInt(), 1920);
-    QCOMPARE(video["height"].toInt(), 1080);
-    QCOMPARE(video["r_frame_rate"].toString(), QString("25/1"));
+    QCOMPARE(listener.video(0), QString("h264 1920x1080 25/1"));
 
     // The picture under the frame, stretched to the edges: no bars, no border of the frame.
     const QImage picture = listener.picture(0, 25);
     QCOMPARE(picture.size(), QSize(1920, 1080));
-    QVERIFY2(PatternWindow::worstQuadrantError(picture) < 30,
-             qPrintable(QString::number(PatternWindow::worstQuadrantError(picture))));
-    for (const QPoint corner : {QPoint(20, 20), QPoint(1900, 1060)}) {
-        const QColor seen = picture.pixelColor(corner);
-        const QColor shown = corner.x() < 960 ? PatternWindow::topLeft : PatternWindow::bottomRight;
-        QVERIFY2(qAbs(seen.red() - shown.red()) < 30 && qAbs(seen.green() - shown.green()) < 30 &&
-                     qAbs(seen.blue() - shown.blue()) < 30,
-                 qPrintable(seen.name()));
-    }
+    QVERIFY2(PatternWindow::worstError(picture, 20) < 30,
+             qPrintable(QString::number(PatternWindow::worstError(picture, 20))));
 }
 
 void CaptureStreamerTest::failuresShowTheirTextAndTheStartForm_data() {
@@ -147,21 +133,28 @@ void CaptureStreamerTest::failuresShowTheirTextAndTheStartForm_data() {
     QTest::addColumn<QString>("text"); // the whole text, or its start where it ends in ": "
     const QString shape = "SRT address must be HOST:PORT";
     const QString badPort = "SRT port is invalid";
-    QTest::newRow("nobody listens")
-        << QString("127.0.0.1:%1").arg(freeLoopbackPort(true)) << "SRT connect failed: ";
-    QTest::newRow("brackets are not an address") << "[::1]:9000"
-                                                 << "failed to resolve SRT host: [::1]";
-    QTest::newRow("no colon") << "127.0.0.1" << shape;
-    QTest::newRow("blanks only") << "   " << shape;
-    QTest::newRow("no host") << ":80" << shape;
-    QTest::newRow("no port") << "example:" << shape;
-    QTest::newRow("port zero") << "127.0.0.1:0" << badPort;
-    QTest::newRow("port out of range") << "127.0.0.1:65536" << badPort;
-    QTest::newRow("negative port") << "example:-80" << badPort;
-    QTest::newRow("port past 32 bits") << "example:4294967377" << badPort;
-    QTest::newRow("port not a number") << "127.0.0.1:80x" << badPort;
-    // The live click as the global state makes it: an empty form.
-    QTest::newRow("live clicked through the global state") << "" << shape;
+    const struct {
+        const char* name;
+        QString address;
+        QString text;
+    } rows[] = {
+        {"nobody listens", QString("127.0.0.1:%1").arg(freeLoopbackPort(true)),
+         "SRT connect failed: "},
+        {"brackets are not an address", "[::1]:9000", "failed to resolve SRT host: [::1]"},
+        {"no colon", "127.0.0.1", shape},
+        {"blanks only", "   ", shape},
+        {"no host", ":80", shape},
+        {"no port", "example:", shape},
+        {"port zero", "127.0.0.1:0", badPort},
+        {"port out of range", "127.0.0.1:65536", badPort},
+        {"negative port", "example:-80", badPort},
+        {"port past 32 bits", "example:4294967377", badPort},
+        {"port not a number", "127.0.0.1:80x", badPort},
+        // The live click as the global state makes it: an empty form.
+        {"live clicked through the global state", "", shape},
+    };
+    for (const auto& row : rows)
+        QTest::newRow(row.name) << row.address << row.text;
 }
 
 void CaptureStreamerTest::failuresShowTheirTextAndTheStartForm() {
@@ -187,7 +180,7 @@ void CaptureStreamerTest::streamResumesWhenTheServerComesBack() {
     const uint16_t port = freeLoopbackPort(true);
     QVERIFY(listener.start(port));
     goLive(QString("127.0.0.1:%1").arg(port), "cam");
-    QVERIFY(capture->liveButton()->isChecked());
+    QVERIFY(live->isChecked());
     QTRY_VERIFY_WITH_TIMEOUT(listener.bytes(0).size() > 0, 30000);
 
     // The server goes away and comes back on the same port: the stream goes on, with its id,
@@ -196,10 +189,10 @@ void CaptureStreamerTest::streamResumesWhenTheServerComesBack() {
     QVERIFY(listener.start(port));
     QTRY_VERIFY_WITH_TIMEOUT(listener.probe(1)["frames"].toArray().size() >= 10, 30000);
     QCOMPARE(listener.connections()[1].streamId, std::string("cam"));
-    QVERIFY(capture->liveButton()->isChecked());
+    QVERIFY(live->isChecked());
     QVERIFY(!frame->connectionForm()->isVisible());
 
-    QTest::mouseClick(capture->liveButton(), Qt::LeftButton);
+    QTest::mouseClick(live, Qt::LeftButton);
     verifyFormMode();
 }
 
@@ -209,12 +202,12 @@ void CaptureStreamerTest::liveSwitchedOnAndOffWhileFramesFlow() {
     QVERIFY(listener.start(port));
     for (std::size_t cycle = 0; cycle < 100; ++cycle) {
         goLive(QString("127.0.0.1:%1").arg(port));
-        QVERIFY(capture->liveButton()->isChecked());
+        QVERIFY(live->isChecked());
         // The first frame's transport stream has reached the server.
         QTRY_VERIFY_WITH_TIMEOUT(
             listener.connectionCount() == cycle + 1 && listener.bytes(cycle).size() > 0, 10000);
-        QTest::mouseClick(capture->liveButton(), Qt::LeftButton);
-        QVERIFY(!capture->liveButton()->isChecked());
+        QTest::mouseClick(live, Qt::LeftButton);
+        QVERIFY(!live->isChecked());
     }
     verifyFormMode();
     QTRY_VERIFY(listener.connections().back().closed);
@@ -227,11 +220,10 @@ void CaptureStreamerTest::exitWhileLiveEndsTheProcessWithZero() {
     // The frame steps aside so that it does not cover the child's.
     capture->hide();
     QProcess child;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("BRINDLE_EXIT_CHILD", QString::number(port));
-    child.setProcessEnvironment(environment);
+    qputenv("BRINDLE_EXIT_CHILD", QByteArray::number(port));
     child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     child.start(QCoreApplication::applicationFilePath(), QStringList());
+    qunsetenv("BRINDLE_EXIT_CHILD");
     QTRY_VERIFY_WITH_TIMEOUT(listener.connectionCount() == 1 && listener.bytes(0).size() > 20000,
                              30000);
     child.write("exit\n");

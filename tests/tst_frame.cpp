@@ -2,30 +2,23 @@
 #include "frame/resizewidget.h"
 #include "frame/transparentlabel.h"
 #include "frame/wcapture.h"
-#include "support/mouseinput.h"
 
-#include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QtTest>
 
-// The capture apparatus as the presenter handles it: the tool column, the frame beside it,
-// the frame's resize grip and the pointer marker, each dragged with the mouse.
+// The capture apparatus as the presenter handles it: the tool column, the frame beside it, the
+// frame's resize grip and the pointer marker, each dragged with the mouse.
 class FrameTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void cleanup();
     void screenOfLeftEdge_data();
     void screenOfLeftEdge();
     void dragged_data();
     void dragged();
 };
-
-void FrameTest::cleanup() {
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-}
 
 void FrameTest::screenOfLeftEdge_data() {
     QTest::addColumn<QList<int>>("lefts");
@@ -46,103 +39,96 @@ void FrameTest::screenOfLeftEdge_data() {
 void FrameTest::screenOfLeftEdge() {
     QFETCH(QList<int>, lefts);
     QFETCH(int, x);
-    const WCapture::ScreenEdge found = WCapture::screenOfLeftEdge(x, lefts);
-    QTEST(found.index, "index");
-    QTEST(found.left, "left");
+    QTEST(WCapture::screenOfLeftEdge(x, lefts).index, "index");
+    QTEST(WCapture::screenOfLeftEdge(x, lefts).left, "left");
 }
 
 void FrameTest::dragged_data() {
-    QTest::addColumn<QString>("button"); // clicked on the column first, if any
+    QTest::addColumn<QString>("button"); // clicked on the column first; "hover": no press at all
     QTest::addColumn<QString>("handle");
     QTest::addColumn<QPoint>("delta");
-    QTest::addColumn<bool>("press"); // else the pointer only passes over the handle
-    QTest::addColumn<QPoint>("columnMoved");
     QTest::addColumn<QSize>("frameSize");
     QTest::addColumn<QPoint>("markerAt"); // in the frame
     const QSize full(1280, 720);
-    const QPoint none;
-    QTest::newRow("column carries the frame")
-        << ""
-        << "column" << QPoint(-120, -70) << true << QPoint(-120, -70) << full << none;
-    QTest::newRow("pinned column stays")
-        << "cmdLock"
-        << "column" << QPoint(-100, -100) << true << none << full << none;
-    QTest::newRow("grip resizes, column follows")
-        << ""
-        << "grip" << QPoint(-300, -200) << true << QPoint(-300, -200) << QSize(980, 520) << none;
-    QTest::newRow("grip stops at the minimum")
-        << ""
-        << "grip" << QPoint(-1200, -700) << true << QPoint(-1075, -515) << QSize(205, 205) << none;
+    QTest::newRow("column carries the frame") << ""
+                                              << "column" << QPoint(-120, -70) << full;
+    QTest::newRow("pinned column stays") << "cmdLock"
+                                         << "column" << QPoint(-100, -100) << full;
+    QTest::newRow("grip resizes") << ""
+                                  << "grip" << QPoint(-300, -200) << QSize(980, 520);
+    QTest::newRow("grip stops at the minimum") << ""
+                                               << "grip" << QPoint(-1200, -700) << QSize(205, 205);
     QTest::newRow("pinned grip") << "cmdLock"
-                                 << "grip" << QPoint(90, 40) << true << none << full << none;
-    QTest::newRow("pointer passing over the grip")
-        << ""
-        << "grip" << QPoint(90, 40) << false << none << full << none;
-    QTest::newRow("marker stays inside the frame")
+                                 << "grip" << QPoint(90, 40) << full;
+    QTest::newRow("pointer passing over the grip") << "hover"
+                                                   << "grip" << QPoint(90, 40) << full;
+    QTest::newRow("marker inside the frame")
         << "cmdCursor"
-        << "marker" << QPoint(-5000, -5000) << true << none << full << QPoint(0, 0);
-    QTest::newRow("marker keeps 37 px from the far edges")
+        << "marker" << QPoint(-5000, -5000) << full << QPoint(0, 0);
+    QTest::newRow("marker 37 px from the far edges")
         << "cmdCursor"
-        << "marker" << QPoint(5000, 5000) << true << none << full << QPoint(1280 - 37, 720 - 37);
+        << "marker" << QPoint(5000, 5000) << full << QPoint(1280 - 37, 720 - 37);
 }
 
 void FrameTest::dragged() {
     QFETCH(QString, button);
     QFETCH(QString, handle);
     QFETCH(QPoint, delta);
-    QFETCH(bool, press);
-    QFETCH(QPoint, columnMoved);
     WCapture column;
     DrawingForm* frame = column.drawingForm();
     ResizeWidget* grip = frame->resizeGrip();
     TransparentLabel* marker = column.marker();
     QVERIFY(QTest::qWaitForWindowExposed(&column));
     QTRY_VERIFY(grip->isVisible());
-    QCOMPARE(frame->size(), QSize(1280, 720));
-    QCOMPARE(column.windowTitle(), QString("Capture"));
+    QVERIFY(frame->size() == QSize(1280, 720) && column.windowTitle() == "Capture");
     QCOMPARE(frame->findChild<QLineEdit*>("leHostPort")->placeholderText(), QString("HOST:PORT"));
     QCOMPARE(frame->findChild<QLineEdit*>("leStreamId")->placeholderText(),
              QString("Stream ID (optional)"));
-    if (!button.isEmpty())
+    if (button.startsWith("cmd"))
         QTest::mouseClick(column.findChild<QPushButton*>(button), Qt::LeftButton);
     const QPoint columnAt = column.pos();
     const QPoint gripAt = grip->pos();
-    const QPoint markerCorner =
+    // Each check of the marker puts it in the frame's corner.
+    const QPoint corner =
         frame->geometry().bottomRight() - QPoint(4, 4) - QPoint(marker->width(), marker->height());
-    QCOMPARE(marker->isVisible(), handle == "marker");
-    QVERIFY(handle != "marker" || marker->pos() == markerCorner);
+    QVERIFY(handle == "marker" ? marker->isVisible() && marker->pos() == corner
+                               : !marker->isVisible());
 
     QWidget* target = handle == "grip"     ? grip
                       : handle == "marker" ? static_cast<QWidget*>(marker)
                                            : &column;
-    const QPoint from = handle == "column"
-                            ? column.findChild<QLabel*>("lblMove")->geometry().center()
-                            : QPoint(0, 0);
+    const QPoint from =
+        handle == "column" ? column.findChild<QLabel*>("lblMove")->geometry().center() : QPoint();
     // The column asks the window system where the pointer is as a drag begins.
-    QVERIFY(placeCursor(target->mapToGlobal(from)));
+    QCursor::setPos(target->mapToGlobal(from));
+    QTRY_COMPARE(QCursor::pos(), target->mapToGlobal(from));
+    const bool press = button != "hover";
+    const auto send = [&](QEvent::Type type, Qt::MouseButton changed, Qt::MouseButtons held,
+                          QPoint at) {
+        QMouseEvent event(type, at, target->mapToGlobal(at), changed, held, Qt::NoModifier);
+        QCoreApplication::sendEvent(target, &event);
+    };
     if (press)
-        sendMouse(target, QEvent::MouseButtonPress, from, Qt::LeftButton, Qt::LeftButton);
-    const Qt::MouseButtons held = press ? Qt::LeftButton : Qt::NoButton;
-    sendMouse(target, QEvent::MouseMove, from + delta, Qt::NoButton, held);
-    // While the frame is dragged by its column the grip steps aside; while it is resized, the
-    // column does.
-    QVERIFY(!press || handle == "marker" || button == "cmdLock" ||
+        send(QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton, from);
+    send(QEvent::MouseMove, Qt::NoButton, press ? Qt::LeftButton : Qt::NoButton, from + delta);
+    // While the column drags the frame the grip steps aside; while the grip resizes, the column
+    // does.
+    QVERIFY(!press || handle == "marker" || !button.isEmpty() ||
             !(handle == "grip" ? column.isVisible() : grip->isVisible()));
     if (press)
-        sendMouse(target, QEvent::MouseButtonRelease, from + delta, Qt::LeftButton, Qt::NoButton);
+        send(QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, from + delta);
 
+    // Wherever the frame went, the column stands against its right edge, bottoms level, and is
+    // shown; the capture takes the frame's inside; the grip sits at its corner (where a move that
+    // would make the frame too small left it), shown again unless a pinned column hid it.
     QTEST(frame->size(), "frameSize");
-    QCOMPARE(column.pos(), columnAt + columnMoved);
-    // Wherever the frame went, the column stands against its right edge, bottoms level; the
-    // capture takes the frame's inside; the grip sits at its corner (where a move that would make
-    // the frame too small left it), shown again unless a pinned column hid it.
-    QVERIFY(column.isVisible());
     const QRect area = frame->geometry();
     QCOMPARE(column.pos(), QPoint(area.right() + 1, area.bottom() + 1 - column.height()));
+    QVERIFY(handle != "column" || column.pos() == columnAt + (button.isEmpty() ? delta : QPoint()));
+    QVERIFY(column.isVisible());
     QCOMPARE(column.captureRect.load(), area.adjusted(5, 5, -5, -5));
     QTRY_COMPARE(grip->pos(), area.width() > 205 ? area.bottomRight() + QPoint(1, 1) : gripAt);
-    QTRY_COMPARE(grip->isVisible(), !(button == "cmdLock" && handle == "column" && press));
-
+    QTRY_COMPARE(grip->isVisible(), button != "cmdLock" || handle != "column");
     if (handle == "marker") {
         QTEST(marker->pos() - area.topLeft(), "markerAt");
         // Each switch maps the frame again; the marker stays above it, where viewers see it.

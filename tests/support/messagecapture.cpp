@@ -3,7 +3,6 @@
 #include "logfile.h"
 
 #include <QMutex>
-#include <QMutexLocker>
 #include <utility>
 #include <vector>
 
@@ -14,22 +13,17 @@ std::vector<std::pair<QtMsgType, QString>> captured;
 QtMessageHandler previous = nullptr;
 
 void capture(QtMsgType type, const QMessageLogContext& context, const QString& message) {
-    {
-        QMutexLocker lock(&mutex);
-        captured.emplace_back(type, message);
-    }
-    if (previous)
-        previous(type, context, message);
+    mutex.lock();
+    captured.emplace_back(type, message);
+    mutex.unlock();
+    previous(type, context, message);
 }
 
 } // namespace
 
 MessageCapture::MessageCapture() : previousLog(logStream) {
-    {
-        QMutexLocker lock(&mutex);
-        captured.clear();
-        previous = qInstallMessageHandler(capture);
-    }
+    captured.clear();
+    previous = qInstallMessageHandler(capture);
     logfile::lockLine();
     logStream = &logBuffer;
     logfile::unlockLine();
@@ -38,16 +32,9 @@ MessageCapture::MessageCapture() : previousLog(logStream) {
 MessageCapture::~MessageCapture() {
     qInstallMessageHandler(previous);
     logfile::lockLine();
-    if (logStream == &logBuffer)
-        logStream = previousLog;
+    // A log file opened meanwhile stays the run's log.
+    logStream = logStream == &logBuffer ? previousLog : logStream;
     logfile::unlockLine();
-}
-
-std::string MessageCapture::log() const {
-    logfile::lockLine();
-    std::string copy = logBuffer.str();
-    logfile::unlockLine();
-    return copy;
 }
 
 QStringList MessageCapture::messagesOf(QtMsgType type) const {
@@ -57,4 +44,11 @@ QStringList MessageCapture::messagesOf(QtMsgType type) const {
         if (type == QtMsgType(-1) || message.first == type)
             matching << message.second;
     return matching;
+}
+
+std::string MessageCapture::log() const {
+    logfile::lockLine();
+    std::string copy = logBuffer.str();
+    logfile::unlockLine();
+    return copy;
 }

@@ -1,5 +1,6 @@
 #include "srtlistener.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
 #include <QTemporaryFile>
@@ -8,10 +9,6 @@
 #include <map>
 #include <netinet/in.h>
 
-SrtListener::SrtListener() {
-    srt_startup();
-}
-
 SrtListener::~SrtListener() {
     stop();
     srt_cleanup();
@@ -19,14 +16,8 @@ SrtListener::~SrtListener() {
 
 bool SrtListener::start(uint16_t port, bool ipv6) {
     stop();
-    sockaddr_in v4{};
-    v4.sin_family = AF_INET;
-    v4.sin_port = htons(port);
-    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = htons(port);
-    v6.sin6_addr = in6addr_loopback;
+    sockaddr_in v4{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in6 v6{AF_INET6, htons(port), 0, in6addr_loopback, 0};
     const SRTSOCKET listenSocket = srt_create_socket();
     const int epoll = srt_epoll_create();
     const int live = SRTT_LIVE;
@@ -37,11 +28,9 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
     if (srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &no, sizeof no) != 0 ||
         srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &no, sizeof no) != 0 ||
-        srt_bind(listenSocket,
-                 ipv6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4),
-                 ipv6 ? sizeof v6 : sizeof v4) != 0 ||
-        srt_listen(listenSocket, 4) != 0 ||
-        srt_epoll_add_usock(epoll, listenSocket, &events) != 0) {
+        srt_bind(listenSocket, ipv6 ? (sockaddr*)&v6 : (sockaddr*)&v4,
+                 ipv6 ? sizeof v6 : sizeof v4) ||
+        srt_listen(listenSocket, 4) != 0 || srt_epoll_add_usock(epoll, listenSocket, &events)) {
         srt_epoll_release(epoll);
         srt_close(listenSocket);
         return false;
@@ -52,10 +41,9 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
 }
 
 void SrtListener::stop() {
-    if (!thread.joinable())
-        return;
     stopping = true;
-    thread.join();
+    if (thread.joinable())
+        thread.join();
 }
 
 void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
@@ -65,35 +53,37 @@ void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
     for (bool last = false; !last;) {
         last = stopping;
         SRTSOCKET ready[8];
-        int readyCount = 8;
-        // One caller accepted per round: the listener stays ready while more are waiting.
-        const bool waiting =
-            srt_epoll_wait(epoll, ready, &readyCount, nullptr, nullptr, 50, nullptr, nullptr,
-                           nullptr, nullptr) > 0 &&
-            std::find(ready, ready + readyCount, listenSocket) != ready + readyCount;
+        int count = 8;
         sockaddr_storage peer{};
         int peerLength = sizeof peer;
+        // One caller accepted per round: the listener stays ready while more are waiting.
         const SRTSOCKET accepted =
-            waiting ? srt_accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength)
-                    : SRT_INVALID_SOCK;
+            srt_epoll_wait(epoll, ready, &count, nullptr, nullptr, 50, 0, 0, 0, 0) > 0 &&
+                    std::find(ready, ready + count, listenSocket) != ready + count
+                ? srt_accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength)
+                : SRT_INVALID_SOCK;
         if (accepted != SRT_INVALID_SOCK) {
             char streamId[600] = {};
             int idLength = sizeof streamId;
-            if (srt_getsockflag(accepted, SRTO_STREAMID, streamId, &idLength) != 0)
-                idLength = 0;
+            srt_getsockflag(accepted, SRTO_STREAMID, streamId, &idLength);
             srt_epoll_add_usock(epoll, accepted, &events);
             std::lock_guard<std::mutex> lock(mutex);
-            received.push_back({std::string(streamId, idLength), {}, false});
+            received.push_back({std::string(streamId, strnlen(streamId, idLength)), {}, false});
             open[accepted] = received.size() - 1;
         }
         // Every open connection is read each round: one that closed before it was watched
         // raises no event.
         for (auto connection = open.begin(); connection != open.end();) {
-            if (receive(connection->first, connection->second) && !last) {
+            char message[1500];
+            int length;
+            while ((length = srt_recvmsg(connection->first, message, sizeof message)) > 0) {
+                std::lock_guard<std::mutex> lock(mutex);
+                received[connection->second].messages.emplace_back(message, length);
+            }
+            if (srt_getlasterror(nullptr) == SRT_EASYNCRCV && !last) {
                 ++connection;
                 continue;
             }
-            srt_epoll_remove_usock(epoll, connection->first);
             srt_close(connection->first);
             std::lock_guard<std::mutex> lock(mutex);
             received[connection->second].closed = true;
@@ -104,61 +94,60 @@ void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
     srt_close(listenSocket);
 }
 
-bool SrtListener::receive(SRTSOCKET socket, std::size_t index) {
-    char message[1500];
-    int length;
-    while ((length = srt_recvmsg(socket, message, sizeof message)) > 0) {
-        std::lock_guard<std::mutex> lock(mutex);
-        received[index].messages.emplace_back(message, length);
-    }
-    return srt_getlasterror(nullptr) == SRT_EASYNCRCV;
-}
-
 std::vector<SrtListener::Connection> SrtListener::connections() const {
     std::lock_guard<std::mutex> lock(mutex);
     return received;
 }
 
-std::size_t SrtListener::connectionCount() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return received.size();
-}
-
 QByteArray SrtListener::bytes(std::size_t connection) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    const std::vector<Connection> all = connections();
     QByteArray joined;
-    if (connection < received.size())
-        for (const QByteArray& message : received[connection].messages)
-            joined += message;
+    for (const QByteArray& message :
+         connection < all.size() ? all[connection].messages : std::vector<QByteArray>())
+        joined += message;
     return joined;
 }
 
-QByteArray SrtListener::runTool(std::size_t connection, const QString& program,
-                                QStringList arguments) const {
+namespace {
+
+// Runs a tool on a payload put in a file; its standard output, or nothing when it fails.
+QByteArray runTool(const QByteArray& payload, const QString& program, QStringList arguments) {
     QTemporaryFile file;
-    if (!file.open() || file.write(bytes(connection)) < 0 || !file.flush())
-        return {};
-    arguments[arguments.indexOf("IN")] = file.fileName();
+    file.open();
+    file.write(payload);
+    file.flush();
     QProcess tool;
-    tool.start(program, arguments);
-    if (!tool.waitForFinished(60000) || tool.exitStatus() != QProcess::NormalExit ||
-        tool.exitCode() != 0)
-        return {};
-    return tool.readAllStandardOutput();
+    tool.start(program, arguments.replaceInStrings("IN", file.fileName()));
+    tool.waitForFinished(60000);
+    return tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0
+               ? tool.readAllStandardOutput()
+               : QByteArray();
 }
 
+} // namespace
+
 QJsonObject SrtListener::probe(std::size_t connection) const {
-    return QJsonDocument::fromJson(
-               runTool(connection, "ffprobe",
-                       {"-v", "error", "-show_streams", "-show_frames", "-of", "json", "IN"}))
-        .object();
+    const QStringList show{"-v", "error", "-show_streams", "-show_frames", "-of", "json", "IN"};
+    return QJsonDocument::fromJson(runTool(bytes(connection), "ffprobe", show)).object();
+}
+
+QString SrtListener::video(std::size_t connection) const {
+    const QJsonArray streams = probe(connection)["streams"].toArray();
+    const QJsonObject video = streams[0].toObject();
+    return streams.size() != 1 ? QString()
+                               : QString("%1 %2x%3 %4")
+                                     .arg(video["codec_name"].toString())
+                                     .arg(video["width"].toInt())
+                                     .arg(video["height"].toInt())
+                                     .arg(video["r_frame_rate"].toString());
 }
 
 QImage SrtListener::picture(std::size_t connection, int index) const {
-    return QImage::fromData(
-               runTool(connection, "ffmpeg",
-                       {"-v", "error", "-i", "IN", "-vf", QString("select=eq(n\\,%1)").arg(index),
-                        "-frames:v", "1", "-f", "image2pipe", "-vcodec", "ppm", "-"}),
-               "PPM")
+    const QStringList decode{"-v",         "error",   "-i",
+                             "IN",         "-vf",     QString("select=eq(n\\,%1)").arg(index),
+                             "-frames:v",  "1",       "-f",
+                             "image2pipe", "-vcodec", "ppm",
+                             "-"};
+    return QImage::fromData(runTool(bytes(connection), "ffmpeg", decode), "PPM")
         .convertToFormat(QImage::Format_RGB888);
 }

@@ -5,9 +5,7 @@
 #include <QByteArray>
 #include <QImage>
 #include <QJsonObject>
-#include <QStringList>
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,10 +23,8 @@ public:
         bool closed = false;
     };
 
-    SrtListener();
+    SrtListener() { srt_startup(); }
     ~SrtListener();
-    SrtListener(const SrtListener&) = delete;
-    SrtListener& operator=(const SrtListener&) = delete;
 
     // Connections recorded before a stop stay; later ones are appended.
     bool start(uint16_t port, bool ipv6 = false);
@@ -36,21 +32,19 @@ public:
     void stop();
 
     std::vector<Connection> connections() const;
-    std::size_t connectionCount() const;
+    std::size_t connectionCount() const { return connections().size(); }
     // The payload of one connection, messages joined in order of arrival.
     QByteArray bytes(std::size_t connection) const;
-
     // ffprobe's "streams" and "frames" of one connection's payload; empty on failure.
     QJsonObject probe(std::size_t connection) const;
-    // One decoded picture of one connection's payload, at the stream's size; null on failure.
+    // The one video stream's codec, size and rate, as in "h264 1920x1080 25/1"; empty unless
+    // exactly one stream arrived.
+    QString video(std::size_t connection) const;
+    // One decoded picture of one connection's payload at the stream's size; null on failure.
     QImage picture(std::size_t connection, int index) const;
 
 private:
     void run(SRTSOCKET listenSocket, int epoll);
-    // Records what is waiting on an accepted socket; false once the connection has ended.
-    bool receive(SRTSOCKET socket, std::size_t index);
-    // Runs a tool with the payload in a file named where the arguments say "IN".
-    QByteArray runTool(std::size_t connection, const QString& program, QStringList arguments) const;
 
     mutable std::mutex mutex;
     std::vector<Connection> received;

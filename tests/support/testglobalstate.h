@@ -8,24 +8,17 @@
 
 // The global state for tests that run without the main window: a StreamConfig the test fills in
 // and settings in a file of a temporary folder. Installs itself as `globalState` for its lifetime.
-class TestGlobalState : public IGlobalState {
-public:
-    TestGlobalState() : previous(globalState) { globalState = this; }
-    ~TestGlobalState() { globalState = previous; }
-    TestGlobalState(const TestGlobalState&) = delete;
-    TestGlobalState& operator=(const TestGlobalState&) = delete;
-
+struct TestGlobalState : IGlobalState {
+    TestGlobalState() { globalState = this; }
+    ~TestGlobalState() { globalState = nullptr; }
     QSettings* settings() override { return &store; }
     void changeStatus(QString, int) override {}
     StreamConfig* config() override { return &streamConfig; }
-    int testAndSetOnce() override { return onceFlag.exchange(1); }
+    int testAndSetOnce() override { return once.exchange(1); }
     void clickLive() override {}
 
     StreamConfig streamConfig;
-
-private:
+    std::atomic<int> once{0};
     QTemporaryDir folder;
     QSettings store{folder.filePath("Brindlewave.conf"), QSettings::IniFormat};
-    std::atomic<int> onceFlag{0};
-    IGlobalState* previous;
 };
