@@ -30,6 +30,7 @@ struct TickRun final : ITickHandler {
     const int stopAt;
     const bool hold;
     TickFlags flags;
+    const bool running = flags.runningFlag = true; // before the threads start
     TickState* state = new TickState;
     std::atomic<int> ticks{0};
     std::atomic<bool> workerDone{false};
@@ -67,8 +68,9 @@ void TestTickGenerator::stopEndsTheRunAndFreesItsState() {
     MessageCapture capture;
     // A run whose threads are still stuck when the test fails is left to the process.
     auto* run = new TickRun(periodMs, stopAt, hold);
-    QTRY_VERIFY(run->state->stopRequested);
-    // The generator has left its loop: no tick comes any more.
+    // The generator has left its loop: no tick comes any more. The state may be gone as soon as
+    // the worker has ended, so it is only looked at while the worker lingers.
+    QTRY_VERIFY(!run->flags.runningFlag && (hold || run->state->stopRequested));
     QCOMPARE(run->ticks.load(), stopAt + 1);
     if (!hold) {
         QVERIFY(!run->workerDone && !run->generatorDone && !capture.contains("before unlock"));
