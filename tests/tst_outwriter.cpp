@@ -87,7 +87,7 @@ void TestOutWriter::streamsDecodableH264() {
         state->streamConfig.codec = "libopenh264";
         state->streamConfig.fps = configuredFps;
     }
-    MessageCapture capture;
+    MessageCapture capture(true);
     SrtListener listener;
     const uint16_t port = freeLoopbackPort(true);
     QVERIFY(listener.start(port, hostPort.startsWith("::")));
@@ -166,15 +166,16 @@ void TestOutWriter::failedSetUpEndsTheStream() {
     QFETCH(QString, logged);
     TestGlobalState state;
     state.streamConfig.codec = codec;
-    MessageCapture capture;
+    MessageCapture capture(true);
     SrtListener listener;
     const uint16_t port = freeLoopbackPort(true);
     QVERIFY(listener.start(port));
     OUTWriter writer;
     // Stopped before any frame: nothing is sent, the connection goes away.
     QVERIFY(writer.start(paramsFor("127.0.0.1:%1", port)));
+    QTRY_COMPARE(listener.connectionCount(), std::size_t(1));
     writer.stop();
-    QTRY_VERIFY(listener.connectionCount() == 1 && listener.connections()[0].closed);
+    QTRY_VERIFY(listener.connections()[0].closed);
     QCOMPARE(listener.bytes(0).size(), 0);
 
     QVERIFY(writer.start(paramsFor("127.0.0.1:%1", port)));

@@ -65,7 +65,7 @@ void TestTickGenerator::stopEndsTheRunAndFreesItsState() {
     QFETCH(int, periodMs);
     QFETCH(int, stopAt);
     QFETCH(bool, hold);
-    MessageCapture capture;
+    MessageCapture capture(true);
     // A run whose threads are still stuck when the test fails is left to the process.
     auto* run = new TickRun(periodMs, stopAt, hold);
     // The generator has left its loop: no tick comes any more. The state may be gone as soon as

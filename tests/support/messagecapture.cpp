@@ -21,20 +21,18 @@ void capture(QtMsgType type, const QMessageLogContext& context, const QString& m
 
 } // namespace
 
-MessageCapture::MessageCapture() : previousLog(logStream) {
+MessageCapture::MessageCapture(bool logLines) : previousLog(logStream) {
     captured.clear();
     previous = qInstallMessageHandler(capture);
-    logfile::lockLine();
-    logStream = &logBuffer;
-    logfile::unlockLine();
+    if (logLines)
+        logStream = &logBuffer;
 }
 
 MessageCapture::~MessageCapture() {
     qInstallMessageHandler(previous);
-    logfile::lockLine();
     // A log file opened meanwhile stays the run's log.
-    logStream = logStream == &logBuffer ? previousLog : logStream;
-    logfile::unlockLine();
+    if (logStream == &logBuffer)
+        logStream = previousLog;
 }
 
 QStringList MessageCapture::messagesOf(QtMsgType type) const {

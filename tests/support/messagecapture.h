@@ -7,11 +7,12 @@
 #include <string>
 
 // Collects what the program says while it lives, from any thread: what reaches the toolkit's
-// message channel (every log line too, its items separated by blanks) and the exact lines that
-// would go to the log file.
+// message channel (every log line too, its items separated by blanks) and, with `logLines`, the
+// exact lines that would go to the log file. The log stream is read without a lock, as the
+// program sets it once before any thread starts: take the log lines only while no thread logs.
 class MessageCapture {
 public:
-    MessageCapture();
+    explicit MessageCapture(bool logLines = false);
     ~MessageCapture();
     MessageCapture(const MessageCapture&) = delete;
     MessageCapture& operator=(const MessageCapture&) = delete;
