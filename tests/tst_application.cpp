@@ -2,65 +2,37 @@
 #include "frame/wcapture.h"
 #include "startup.h"
 #include "support/freeport.h"
-#include "support/tsreceiver.h"
+#include "support/srtlistener.h"
 
 #include <QApplication>
-#include <QDir>
 #include <QJsonArray>
 #include <QProcess>
 #include <QPushButton>
 #include <QRegularExpression>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
-#include <optional>
 
 namespace {
 
-QByteArray run(const QString& program, const QStringList& arguments) {
+// The X server's pointer, driven as a person's hand would drive it: a real click.
+QByteArray xdotool(const QStringList& arguments) {
     QProcess process;
-    process.start(program, arguments);
+    process.start("xdotool", arguments);
     process.waitForFinished(10000);
     return process.readAllStandardOutput();
 }
 
-// A real pointer click through the X server, as a person would make it.
 void clickAt(QPoint point) {
-    run("xdotool",
-        {"mousemove", QString::number(point.x()), QString::number(point.y()), "click", "1"});
-}
-
-// The frame is mapped again asynchronously after a mode change: click until the program
-// answers by ending.
-bool clickUntilFinished(QProcess& program, QPoint point) {
-    QDeadlineTimer deadline(20000);
-    do {
-        clickAt(point);
-        if (program.waitForFinished(500))
-            return true;
-    } while (!deadline.hasExpired());
-    return false;
+    xdotool({"mousemove", QString::number(point.x()), QString::number(point.y()), "click", "1"});
 }
 
 // Where the program's tool column stands on the screen; none while it is not shown.
-std::optional<QPoint> columnPosition() {
-    const QByteArray geometry =
-        run("xdotool", {"search", "--onlyvisible", "--name", "^Capture$", "getwindowgeometry"});
-    const QRegularExpressionMatch position =
-        QRegularExpression("Position: (-?\\d+),(-?\\d+)").match(QString::fromUtf8(geometry));
-    if (!position.hasMatch())
-        return std::nullopt;
-    return QPoint(position.captured(1).toInt(), position.captured(2).toInt());
-}
-
-QString logText(const QString& dataFolder) {
-    const QDir logs(dataFolder + "/logs");
-    QString text;
-    for (const QString& name : logs.entryList({"brindle_client_*.txt"}, QDir::Files)) {
-        QFile file(logs.filePath(name));
-        if (file.open(QIODevice::ReadOnly))
-            text += QString::fromUtf8(file.readAll());
-    }
-    return text;
+QPoint columnPosition() {
+    const QRegularExpressionMatch at = QRegularExpression("Position: (-?\\d+),(-?\\d+)")
+                                           .match(xdotool({"search", "--onlyvisible", "--name",
+                                                           "^Capture$", "getwindowgeometry"}));
+    return at.hasMatch() ? QPoint(at.captured(1).toInt(), at.captured(2).toInt()) : QPoint(-1, -1);
 }
 
 const char* const encoderMessage = "Failed to initialize video encoder or MPEG-TS output";
@@ -73,129 +45,116 @@ class ApplicationTest : public QObject {
 
 private Q_SLOTS:
     void initTestCase();
-    void streamsStopsAndExitsWithZero();
-    void encoderThatCannotOpenIsShownInTheForm();
+    void clickedThroughARun_data();
+    void clickedThroughARun();
 
 private:
-    // Starts the program from `executable` with its own settings and data folders; the
-    // settings already hold the server's address, as after an earlier run.
-    bool startProgram(QProcess& program, const QString& executable, uint16_t port);
-
     QTemporaryDir folder;
-    QPoint liveButton;
-    QPoint exitButton;
-    QPoint exitButtonBelowEncoderMessage;
-    QPoint columnInPlace;
+    QPoint liveButton, exitButton, exitButtonBelowMessage, columnInPlace;
 };
 
 void ApplicationTest::initTestCase() {
     // The program's windows stand where an identical apparatus stands here: measure the
-    // buttons on one, then put it away.
+    // buttons on one, then put it away. A message in the form moves the exit button down.
     qApp->setStyleSheet(applicationStyleSheetText());
     auto* twin = new WCapture;
-    QVERIFY(QTest::qWaitForWindowExposed(twin));
-    QVERIFY(QTest::qWaitForWindowExposed(twin->drawingForm()));
+    QVERIFY(QTest::qWaitForWindowExposed(twin) &&
+            QTest::qWaitForWindowExposed(twin->drawingForm()));
+    auto* pbExit = twin->drawingForm()->findChild<QPushButton*>("pbExit");
     liveButton = twin->liveButton()->mapToGlobal(twin->liveButton()->rect().center());
     columnInPlace = twin->pos();
-    auto* pbExit = twin->drawingForm()->findChild<QPushButton*>("pbExit");
     exitButton = pbExit->mapToGlobal(pbExit->rect().center());
-    // A message in the form moves the exit button down.
     twin->drawingForm()->changeStatus(encoderMessage, 0);
-    QTRY_VERIFY(pbExit->mapToGlobal(pbExit->rect().center()) != exitButton);
-    exitButtonBelowEncoderMessage = pbExit->mapToGlobal(pbExit->rect().center());
+    QTRY_VERIFY((exitButtonBelowMessage = pbExit->mapToGlobal(pbExit->rect().center())) !=
+                exitButton);
     twin->hide();
     QTRY_VERIFY(!twin->drawingForm()->isVisible());
 }
 
-bool ApplicationTest::startProgram(QProcess& program, const QString& executable, uint16_t port) {
-    const QString config = folder.filePath("config");
-    QDir().mkpath(config + "/Myrtlebrook");
-    QFile settings(config + "/Myrtlebrook/Brindlewave.conf");
-    if (!settings.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    settings.write(QString("[General]\nSRT_HOST_PORT=127.0.0.1:%1\n").arg(port).toUtf8());
-    settings.close();
+void ApplicationTest::clickedThroughARun_data() {
+    QTest::addColumn<QByteArray>("configIni"); // beside the executable
+    QTest::addColumn<QString>("roomGuid");     // stored by an earlier run
+    QTest::newRow("streams, stops and exits with zero") << QByteArray() << "";
+    // VAAPI takes only hardware surfaces, so it is refused on every machine.
+    QTest::newRow("encoder that cannot open is shown in the form")
+        << QByteArray("codec = h264_vaapi\n") << "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0";
+}
 
+void ApplicationTest::clickedThroughARun() {
+    QFETCH(QByteArray, configIni);
+    QFETCH(QString, roomGuid);
+    const bool streams = configIni.isEmpty();
+    const uint16_t port = freeLoopbackPort(true);
+    SrtListener listener;
+    QVERIFY(listener.start(port));
+
+    // config.ini is read beside the executable: this run gets a copy of its own. Its settings
+    // hold the server's address, as after an earlier run.
+    const QDir bin(folder.filePath(QTest::currentDataTag()));
+    QVERIFY(bin.mkpath("config/Myrtlebrook") && bin.mkpath("data"));
+    QVERIFY(QFile::copy(qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave",
+                        bin.filePath("brindlewave")));
+    QFile config(bin.filePath("config.ini"));
+    QVERIFY(streams || (config.open(QIODevice::WriteOnly) && config.write(configIni) > 0));
+    config.close();
+    const QString settingsFile = bin.filePath("config/Myrtlebrook/Brindlewave.conf");
+    QSettings(settingsFile, QSettings::IniFormat)
+        .setValue("SRT_HOST_PORT", QString("127.0.0.1:%1").arg(port));
+    if (!roomGuid.isEmpty())
+        QSettings(settingsFile, QSettings::IniFormat).setValue("ROOM_GUID", roomGuid);
+
+    QProcess program;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("XDG_CONFIG_HOME", config);
-    environment.insert("BRINDLEWAVE_DATA_DIR", folder.filePath("data"));
+    environment.insert("XDG_CONFIG_HOME", bin.filePath("config"));
+    environment.insert("BRINDLEWAVE_DATA_DIR", bin.filePath("data"));
     program.setProcessEnvironment(environment);
     program.setProcessChannelMode(QProcess::ForwardedChannels);
-    program.start(executable, QStringList());
-    if (!program.waitForStarted())
-        return false;
+    program.start(bin.filePath("brindlewave"), QStringList());
     // The column is first shown where the screen's size puts it, then set beside the frame:
     // the buttons are only where they were measured once it stands there.
-    QDeadlineTimer deadline(30000);
-    while (columnPosition() != columnInPlace && !deadline.hasExpired())
-        QTest::qWait(50);
-    return columnPosition() == columnInPlace;
-}
-
-void ApplicationTest::streamsStopsAndExitsWithZero() {
-    const uint16_t port = freeLoopbackPort(true);
-    TsReceiver receiver(folder.filePath("stream.ts"));
-    QVERIFY(receiver.start(port));
-
-    QProcess program;
-    QVERIFY(startProgram(program,
-                         qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave", port));
+    QTRY_COMPARE_WITH_TIMEOUT(columnPosition(), columnInPlace, 30000);
     clickAt(liveButton);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        TsReceiver::probe(receiver.outputPath())["frames"].toArray().size() >= 25, 30000);
-    clickAt(liveButton);
-    QVERIFY(receiver.finish());
-
-    QVERIFY(clickUntilFinished(program, exitButton));
+    const auto log = [&bin] {
+        QFile file(bin.filePath("data/logs/") +
+                   QDir(bin.filePath("data/logs")).entryList(QDir::Files).value(0));
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    };
+    if (streams) {
+        QTRY_VERIFY_WITH_TIMEOUT(listener.probe(0)["frames"].toArray().size() >= 25, 30000);
+        clickAt(liveButton);
+        QTRY_VERIFY(listener.connections()[0].closed);
+    } else {
+        QTRY_VERIFY_WITH_TIMEOUT(log().contains(QString("changeStatus 0 ") + encoderMessage),
+                                 30000);
+        QCOMPARE(program.state(), QProcess::Running);
+    }
+    // The form is back, with the message if there was one. It is mapped again asynchronously
+    // after the mode change: click its exit button until the program answers by ending.
+    for (QDeadlineTimer deadline(20000); !program.waitForFinished(500) && !deadline.hasExpired();)
+        clickAt(streams ? exitButton : exitButtonBelowMessage);
     QCOMPARE(program.exitStatus(), QProcess::NormalExit);
     QCOMPARE(program.exitCode(), 0);
+    QVERIFY(!streams || listener.video(0).startsWith("h264 1920x1080 "));
 
-    const QJsonArray streams = TsReceiver::probe(receiver.outputPath())["streams"].toArray();
-    QCOMPARE(streams.size(), 1);
-    QCOMPARE(streams[0].toObject()["codec_name"].toString(), QString("h264"));
-    QCOMPARE(streams[0].toObject()["width"].toInt(), 1920);
-    QCOMPARE(streams[0].toObject()["height"].toInt(), 1080);
-
-    const QString log = logText(folder.filePath("data"));
-    QVERIFY2(log.contains(QString("OUTWriter start. hostPort=127.0.0.1:%1").arg(port)),
-             qPrintable(log));
-    // The column's placement on the 1920x1080 test screen, items run together.
-    QVERIFY(log.contains("screen:001920x1080"));
-    QVERIFY(log.contains("move: 640360"));
-    QVERIFY(log.contains("switchLive1"));
-    QVERIFY(log.contains("switchLive0"));
-    QVERIFY(log.contains("OUTWriter stop. frames="));
-}
-
-void ApplicationTest::encoderThatCannotOpenIsShownInTheForm() {
-    // config.ini is read beside the executable: this run gets a copy of its own.
-    const QString bin = folder.filePath("bin");
-    QVERIFY(QDir().mkpath(bin));
-    const QString executable = bin + "/brindlewave";
-    QFile::remove(executable);
-    QVERIFY(QFile::copy(qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave",
-                        executable));
-    QFile config(bin + "/config.ini");
-    QVERIFY(config.open(QIODevice::WriteOnly));
-    config.write("codec = h264_vaapi\n");
-    config.close();
-    QDir(folder.filePath("data/logs")).removeRecursively();
-
-    const uint16_t port = freeLoopbackPort(true);
-    TsReceiver receiver(folder.filePath("refused.ts"));
-    QVERIFY(receiver.start(port));
-    QProcess program;
-    QVERIFY(startProgram(program, executable, port));
-
-    clickAt(liveButton);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        logText(folder.filePath("data")).contains(QString("changeStatus 0 ") + encoderMessage),
-        30000);
-    QCOMPARE(program.state(), QProcess::Running);
-
-    // The form is back, with the message: its exit button answers.
-    QVERIFY(clickUntilFinished(program, exitButtonBelowEncoderMessage));
-    QCOMPARE(program.exitCode(), 0);
+    // Log items run together; the column's placement is that on the 1920x1080 test screen.
+    const QString text = log();
+    QStringList lines{
+        "SETTINGS:" + settingsFile, "screen:001920x1080", "move: 640360", "switchLive1",
+        QString("OUTWriter start. hostPort=127.0.0.1:%1, streamId=, videoBitrateKbps=5000, "
+                "audioBitrateKbps=128, latency=10")
+            .arg(port)};
+    if (streams)
+        lines << "switchLive0"
+              << "OUTWriter stop. frames=";
+    for (const QString& line : lines)
+        QVERIFY2(text.contains(line), qPrintable(line + " not in\n" + text));
+    // The room identifier is made once and kept.
+    const QString room =
+        QSettings(settingsFile, QSettings::IniFormat).value("ROOM_GUID").toString();
+    QVERIFY2(
+        QRegularExpression("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$").match(room).hasMatch(),
+        qPrintable(room));
+    QVERIFY(roomGuid.isEmpty() || room == roomGuid);
 }
 
 QTEST_MAIN(ApplicationTest)

@@ -1,5 +1,7 @@
 #include "messagecapture.h"
 
+#include "logfile.h"
+
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -16,43 +18,37 @@ void capture(QtMsgType type, const QMessageLogContext& context, const QString& m
         const std::lock_guard<std::mutex> lock(mutex);
         captured.emplace_back(type, message);
     }
-    if (previous)
-        previous(type, context, message);
+    previous(type, context, message);
 }
 
 } // namespace
 
-MessageCapture::MessageCapture() {
-    const std::lock_guard<std::mutex> lock(mutex);
+MessageCapture::MessageCapture(bool logLines) : previousLog(logStream) {
     captured.clear();
     previous = qInstallMessageHandler(capture);
+    if (logLines)
+        logStream = &logBuffer;
 }
 
 MessageCapture::~MessageCapture() {
     qInstallMessageHandler(previous);
-}
-
-QStringList MessageCapture::messages() const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    QStringList all;
-    for (const auto& message : captured)
-        all << message.second;
-    return all;
+    // A log file opened meanwhile stays the run's log.
+    if (logStream == &logBuffer)
+        logStream = previousLog;
 }
 
 QStringList MessageCapture::messagesOf(QtMsgType type) const {
     const std::lock_guard<std::mutex> lock(mutex);
     QStringList matching;
     for (const auto& message : captured)
-        if (message.first == type)
+        if (type == QtMsgType(-1) || message.first == type)
             matching << message.second;
     return matching;
 }
 
-bool MessageCapture::contains(const QString& part) const {
-    const QStringList all = messages();
-    for (const QString& message : all)
-        if (message.contains(part))
-            return true;
-    return false;
+std::string MessageCapture::log() const {
+    logfile::lockLine();
+    std::string copy = logBuffer.str();
+    logfile::unlockLine();
+    return copy;
 }

@@ -4,10 +4,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-const QColor PatternWindow::topLeft(220, 40, 40);
-const QColor PatternWindow::topRight(40, 200, 60);
-const QColor PatternWindow::bottomLeft(40, 60, 220);
-const QColor PatternWindow::bottomRight(230, 210, 40);
+const QColor PatternWindow::colours[4] = {
+    {220, 40, 40}, {40, 200, 60}, {40, 60, 220}, {230, 210, 40}};
 
 PatternWindow::PatternWindow(QRect area)
     : QWidget(nullptr, Qt::FramelessWindowHint | Qt::WindowDoesNotAcceptFocus) {
@@ -18,30 +16,27 @@ PatternWindow::PatternWindow(QRect area)
 
 void PatternWindow::paintEvent(QPaintEvent*) {
     QPainter painter(this);
-    const int halfWidth = width() / 2;
-    const int halfHeight = height() / 2;
-    painter.fillRect(0, 0, halfWidth, halfHeight, topLeft);
-    painter.fillRect(halfWidth, 0, width() - halfWidth, halfHeight, topRight);
-    painter.fillRect(0, halfHeight, halfWidth, height() - halfHeight, bottomLeft);
-    painter.fillRect(halfWidth, halfHeight, width() - halfWidth, height() - halfHeight,
-                     bottomRight);
+    for (int quadrant = 0; quadrant < 4; ++quadrant)
+        painter.fillRect(QRectF(quadrant % 2 * 0.5 * width(), quadrant / 2 * 0.5 * height(),
+                                0.5 * width(), 0.5 * height()),
+                         colours[quadrant]);
 }
 
-int PatternWindow::worstQuadrantError(const QImage& picture) {
-    const struct {
-        double x, y;
-        QColor colour;
-    } centres[] = {{0.25, 0.25, topLeft},
-                   {0.75, 0.25, topRight},
-                   {0.25, 0.75, bottomLeft},
-                   {0.75, 0.75, bottomRight}};
+int PatternWindow::worstError(const QImage& picture, int inset) {
     int worst = 0;
-    for (const auto& centre : centres) {
-        const QColor seen =
-            picture.pixelColor(int(centre.x * picture.width()), int(centre.y * picture.height()));
-        worst = std::max({worst, std::abs(seen.red() - centre.colour.red()),
-                          std::abs(seen.green() - centre.colour.green()),
-                          std::abs(seen.blue() - centre.colour.blue())});
+    for (int quadrant = 0; quadrant < 8; ++quadrant) {
+        const int column = quadrant % 2;
+        const int row = quadrant / 2 % 2;
+        const QPoint at = quadrant < 4 ? QPoint((column * 2 + 1) * picture.width() / 4,
+                                                (row * 2 + 1) * picture.height() / 4)
+                                       : QPoint(column ? picture.width() - 1 - inset : inset,
+                                                row ? picture.height() - 1 - inset : inset);
+        const QColor seen = picture.pixelColor(at);
+        const QColor& shown = colours[quadrant % 4];
+        if (quadrant < 4 || inset > 0)
+            worst = std::max({worst, std::abs(seen.red() - shown.red()),
+                              std::abs(seen.green() - shown.green()),
+                              std::abs(seen.blue() - shown.blue())});
     }
     return worst;
 }

@@ -9,17 +9,15 @@
 // so that the capture frame lies above it: the known picture an end-to-end test streams.
 class PatternWindow : public QWidget {
 public:
-    static const QColor topLeft;
-    static const QColor topRight;
-    static const QColor bottomLeft;
-    static const QColor bottomRight;
+    // Top left, top right, bottom left, bottom right.
+    static const QColor colours[4];
 
     explicit PatternWindow(QRect area);
 
-    // Largest channel difference between each quadrant's centre in `picture` and the colour
-    // shown there; `picture` may be any size, the quadrants scale with it.
-    static int worstQuadrantError(const QImage& picture);
+    // Largest channel difference between the quadrants' colours and `picture` (of any size) at
+    // the quadrants' centres, and at their outer corners `inset` pixels in when that is set.
+    static int worstError(const QImage& picture, int inset = 0);
 
 protected:
-    void paintEvent(QPaintEvent* event) override;
+    void paintEvent(QPaintEvent*) override;
 };

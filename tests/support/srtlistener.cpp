@@ -1,12 +1,13 @@
 #include "srtlistener.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QTemporaryFile>
+#include <algorithm>
 #include <arpa/inet.h>
 #include <map>
 #include <netinet/in.h>
-
-SrtListener::SrtListener() {
-    srt_startup();
-}
 
 SrtListener::~SrtListener() {
     stop();
@@ -15,42 +16,24 @@ SrtListener::~SrtListener() {
 
 bool SrtListener::start(uint16_t port, bool ipv6) {
     stop();
+    sockaddr_in v4{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    sockaddr_in6 v6{AF_INET6, htons(port), 0, in6addr_loopback, 0};
     const SRTSOCKET listenSocket = srt_create_socket();
-    if (listenSocket == SRT_INVALID_SOCK)
-        return false;
-    const int live = SRTT_LIVE;
-    const bool async = false;
-    // Messages are recorded as they arrive: a receiver that holds them back for its latency
-    // window loses what is still held when the caller closes.
-    const bool deliverAtOnce = false;
-    sockaddr_storage address{};
-    socklen_t addressLength = 0;
-    if (ipv6) {
-        auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
-        v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(port);
-        v6->sin6_addr = in6addr_loopback;
-        addressLength = sizeof *v6;
-    } else {
-        auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
-        v4->sin_family = AF_INET;
-        v4->sin_port = htons(port);
-        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addressLength = sizeof *v4;
-    }
     const int epoll = srt_epoll_create();
+    const int live = SRTT_LIVE;
     const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
-    if (epoll < 0 || srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
-        srt_setsockflag(listenSocket, SRTO_RCVSYN, &async, sizeof async) != 0 ||
-        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &deliverAtOnce, sizeof deliverAtOnce) != 0 ||
+    // Without time-stamp based delivery messages are recorded as they arrive: a receiver that
+    // holds them back for its latency window loses what is still held when the caller closes.
+    const bool no = false;
+    if (srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
+        srt_setsockflag(listenSocket, SRTO_RCVSYN, &no, sizeof no) != 0 ||
+        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &no, sizeof no) != 0 ||
         (!passphrase.empty() && srt_setsockflag(listenSocket, SRTO_PASSPHRASE, passphrase.data(),
-                                                static_cast<int>(passphrase.size())) != 0) ||
-        srt_bind(listenSocket, reinterpret_cast<sockaddr*>(&address),
-                 static_cast<int>(addressLength)) != 0 ||
-        srt_listen(listenSocket, 4) != 0 ||
-        srt_epoll_add_usock(epoll, listenSocket, &events) != 0) {
-        if (epoll >= 0)
-            srt_epoll_release(epoll);
+                                                int(passphrase.size())) != 0) ||
+        srt_bind(listenSocket, ipv6 ? (sockaddr*)&v6 : (sockaddr*)&v4,
+                 ipv6 ? sizeof v6 : sizeof v4) ||
+        srt_listen(listenSocket, 4) != 0 || srt_epoll_add_usock(epoll, listenSocket, &events)) {
+        srt_epoll_release(epoll);
         srt_close(listenSocket);
         return false;
     }
@@ -60,82 +43,57 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
 }
 
 void SrtListener::stop() {
-    if (!thread.joinable())
-        return;
     stopping = true;
-    thread.join();
+    if (thread.joinable())
+        thread.join();
 }
 
 void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
     std::map<SRTSOCKET, std::size_t> open; // accepted socket -> index in received
     const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
-    while (!stopping) {
+    // The last round, after the stop, closes whatever is still open.
+    for (bool last = false; !last;) {
+        last = stopping;
         SRTSOCKET ready[8];
-        int readyCount = 8;
-        if (srt_epoll_wait(epoll, ready, &readyCount, nullptr, nullptr, 50, nullptr, nullptr,
-                           nullptr, nullptr) <= 0)
-            readyCount = 0;
-        for (int i = 0; i < readyCount; ++i) {
-            if (ready[i] == listenSocket) {
-                sockaddr_storage peer{};
-                int peerLength = sizeof peer;
-                const SRTSOCKET accepted =
-                    srt_accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength);
-                if (accepted == SRT_INVALID_SOCK)
-                    continue;
-                char streamId[600] = {};
-                int streamIdLength = sizeof streamId;
-                if (srt_getsockflag(accepted, SRTO_STREAMID, streamId, &streamIdLength) != 0)
-                    streamIdLength = 0;
-                const bool async = false;
-                srt_setsockflag(accepted, SRTO_RCVSYN, &async, sizeof async);
-                srt_epoll_add_usock(epoll, accepted, &events);
+        int count = 8;
+        sockaddr_storage peer{};
+        int peerLength = sizeof peer;
+        // One caller accepted per round: the listener stays ready while more are waiting.
+        const SRTSOCKET accepted =
+            srt_epoll_wait(epoll, ready, &count, nullptr, nullptr, 50, 0, 0, 0, 0) > 0 &&
+                    std::find(ready, ready + count, listenSocket) != ready + count
+                ? srt_accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength)
+                : SRT_INVALID_SOCK;
+        if (accepted != SRT_INVALID_SOCK) {
+            char streamId[600] = {};
+            int idLength = sizeof streamId;
+            srt_getsockflag(accepted, SRTO_STREAMID, streamId, &idLength);
+            srt_epoll_add_usock(epoll, accepted, &events);
+            std::lock_guard<std::mutex> lock(mutex);
+            received.push_back({std::string(streamId, strnlen(streamId, idLength)), {}, false});
+            open[accepted] = received.size() - 1;
+        }
+        // Every open connection is read each round: one that closed before it was watched
+        // raises no event.
+        for (auto connection = open.begin(); connection != open.end();) {
+            char message[1500];
+            int length;
+            while ((length = srt_recvmsg(connection->first, message, sizeof message)) > 0) {
                 std::lock_guard<std::mutex> lock(mutex);
-                received.push_back({std::string(streamId, streamIdLength), {}, false});
-                open[accepted] = received.size() - 1;
+                received[connection->second].messages.emplace_back(message, length);
+            }
+            if (srt_getlasterror(nullptr) == SRT_EASYNCRCV && !last) {
+                ++connection;
                 continue;
             }
-            const auto connection = open.find(ready[i]);
-            if (connection != open.end() && receive(connection->first, connection->second)) {
-                finish(epoll, connection->first, connection->second);
-                open.erase(connection);
-            }
-        }
-        // A caller that closed before its socket was watched raises no event: look at states.
-        for (auto connection = open.begin(); connection != open.end();) {
-            if (srt_getsockstate(connection->first) >= SRTS_BROKEN &&
-                receive(connection->first, connection->second)) {
-                finish(epoll, connection->first, connection->second);
-                connection = open.erase(connection);
-            } else {
-                ++connection;
-            }
+            srt_close(connection->first);
+            std::lock_guard<std::mutex> lock(mutex);
+            received[connection->second].closed = true;
+            connection = open.erase(connection);
         }
     }
-    for (const auto& connection : open)
-        finish(epoll, connection.first, connection.second);
     srt_epoll_release(epoll);
     srt_close(listenSocket);
-}
-
-bool SrtListener::receive(SRTSOCKET socket, std::size_t index) {
-    for (;;) {
-        char message[1500];
-        const int length = srt_recvmsg(socket, message, sizeof message);
-        if (length > 0) {
-            std::lock_guard<std::mutex> lock(mutex);
-            received[index].messages.emplace_back(message, length);
-            continue;
-        }
-        return srt_getlasterror(nullptr) != SRT_EASYNCRCV;
-    }
-}
-
-void SrtListener::finish(int epoll, SRTSOCKET socket, std::size_t index) {
-    srt_epoll_remove_usock(epoll, socket);
-    srt_close(socket);
-    std::lock_guard<std::mutex> lock(mutex);
-    received[index].closed = true;
 }
 
 std::vector<SrtListener::Connection> SrtListener::connections() const {
@@ -143,16 +101,55 @@ std::vector<SrtListener::Connection> SrtListener::connections() const {
     return received;
 }
 
-std::size_t SrtListener::connectionCount() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return received.size();
+QByteArray SrtListener::bytes(std::size_t connection) const {
+    const std::vector<Connection> all = connections();
+    QByteArray joined;
+    for (const QByteArray& message :
+         connection < all.size() ? all[connection].messages : std::vector<QByteArray>())
+        joined += message;
+    return joined;
 }
 
-QByteArray SrtListener::bytes(std::size_t connection) const {
-    std::lock_guard<std::mutex> lock(mutex);
-    QByteArray joined;
-    if (connection < received.size())
-        for (const QByteArray& message : received[connection].messages)
-            joined += message;
-    return joined;
+namespace {
+
+// Runs a tool on a payload put in a file; its standard output, or nothing when it fails.
+QByteArray runTool(const QByteArray& payload, const QString& program, QStringList arguments) {
+    QTemporaryFile file;
+    file.open();
+    file.write(payload);
+    file.flush();
+    QProcess tool;
+    tool.start(program, arguments.replaceInStrings("IN", file.fileName()));
+    tool.waitForFinished(60000);
+    return tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0
+               ? tool.readAllStandardOutput()
+               : QByteArray();
+}
+
+} // namespace
+
+QJsonObject SrtListener::probe(std::size_t connection) const {
+    const QStringList show{"-v", "error", "-show_streams", "-show_frames", "-of", "json", "IN"};
+    return QJsonDocument::fromJson(runTool(bytes(connection), "ffprobe", show)).object();
+}
+
+QString SrtListener::video(std::size_t connection) const {
+    const QJsonArray streams = probe(connection)["streams"].toArray();
+    const QJsonObject video = streams[0].toObject();
+    return streams.size() != 1 ? QString()
+                               : QString("%1 %2x%3 %4")
+                                     .arg(video["codec_name"].toString())
+                                     .arg(video["width"].toInt())
+                                     .arg(video["height"].toInt())
+                                     .arg(video["r_frame_rate"].toString());
+}
+
+QImage SrtListener::picture(std::size_t connection, int index) const {
+    const QStringList decode{"-v",         "error",   "-i",
+                             "IN",         "-vf",     QString("select=eq(n\\,%1)").arg(index),
+                             "-frames:v",  "1",       "-f",
+                             "image2pipe", "-vcodec", "ppm",
+                             "-"};
+    return QImage::fromData(runTool(bytes(connection), "ffmpeg", decode), "PPM")
+        .convertToFormat(QImage::Format_RGB888);
 }

@@ -3,16 +3,18 @@
 #include <srt/srt.h>
 
 #include <QByteArray>
+#include <QImage>
+#include <QJsonObject>
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-// A live-mode SRT listener on 127.0.0.1 that accepts any number of callers one after another
-// and records, per connection, the stream id the caller sent and every message it received.
-// It can be stopped and started again on the same port to play a server that goes away.
+// The tests' SRT server: a live-mode libsrt listener on 127.0.0.1 (or ::1) that accepts callers
+// one after another and records, per connection, the stream id the caller sent and every message
+// it received. It stops and starts again on the same port to play a server that goes away. What
+// a connection received is looked at as a viewer would see it, through ffprobe and ffmpeg.
 class SrtListener {
 public:
     struct Connection {
@@ -21,13 +23,10 @@ public:
         bool closed = false;
     };
 
-    SrtListener();
+    SrtListener() { srt_startup(); }
     ~SrtListener();
-    SrtListener(const SrtListener&) = delete;
-    SrtListener& operator=(const SrtListener&) = delete;
 
     // Connections recorded before a stop stay; later ones are appended.
-    // Listens on 127.0.0.1, or on ::1 when ipv6 is set.
     bool start(uint16_t port, bool ipv6 = false);
     // Callers must bring this passphrase from the next start on; empty: no encryption.
     void setPassphrase(const std::string& text) { passphrase = text; }
@@ -35,15 +34,19 @@ public:
     void stop();
 
     std::vector<Connection> connections() const;
-    std::size_t connectionCount() const;
+    std::size_t connectionCount() const { return connections().size(); }
     // The payload of one connection, messages joined in order of arrival.
     QByteArray bytes(std::size_t connection) const;
+    // ffprobe's "streams" and "frames" of one connection's payload; empty on failure.
+    QJsonObject probe(std::size_t connection) const;
+    // The one video stream's codec, size and rate, as in "h264 1920x1080 25/1"; empty unless
+    // exactly one stream arrived.
+    QString video(std::size_t connection) const;
+    // One decoded picture of one connection's payload at the stream's size; null on failure.
+    QImage picture(std::size_t connection, int index) const;
 
 private:
     void run(SRTSOCKET listenSocket, int epoll);
-    // Records what is waiting on an accepted socket; true once the connection has ended.
-    bool receive(SRTSOCKET socket, std::size_t index);
-    void finish(int epoll, SRTSOCKET socket, std::size_t index);
 
     mutable std::mutex mutex;
     std::vector<Connection> received;

@@ -3,36 +3,22 @@
 #include "globalstate.h"
 
 #include <QSettings>
-#include <QString>
 #include <QTemporaryDir>
 #include <atomic>
-#include <memory>
 
-// The global state for tests: a StreamConfig the test fills in and settings kept in a file of
-// a temporary folder. Installs itself as `globalState` for its lifetime; there is no form or
-// live button behind it.
-class TestGlobalState : public IGlobalState {
-public:
-    TestGlobalState();
-    ~TestGlobalState();
-    TestGlobalState(const TestGlobalState&) = delete;
-    TestGlobalState& operator=(const TestGlobalState&) = delete;
-
-    QSettings* settings() override { return store.get(); }
+// The global state for tests that run without the main window: a StreamConfig the test fills in
+// and settings in a file of a temporary folder. Installs itself as `globalState` for its lifetime.
+struct TestGlobalState : IGlobalState {
+    TestGlobalState() { globalState = this; }
+    ~TestGlobalState() { globalState = nullptr; }
+    QSettings* settings() override { return &store; }
     void changeStatus(QString, int) override {}
     StreamConfig* config() override { return &streamConfig; }
-    int testAndSetOnce() override { return onceFlag.exchange(1); }
+    int testAndSetOnce() override { return once.exchange(1); }
     void clickLive() override {}
 
-    // A fresh store on the same file, as the next run of the program would open it.
-    std::unique_ptr<QSettings> reopen() const;
-
     StreamConfig streamConfig;
-
-private:
+    std::atomic<int> once{0};
     QTemporaryDir folder;
-    QString fileName;
-    std::unique_ptr<QSettings> store;
-    std::atomic<int> onceFlag{0};
-    IGlobalState* previous;
+    QSettings store{folder.filePath("Brindlewave.conf"), QSettings::IniFormat};
 };
