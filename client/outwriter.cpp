@@ -126,7 +126,7 @@ bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int fra
     // Same size in and out: only the colour conversion and chroma subsampling happen, so the
     // fastest filter loses nothing. Time stamps count frames.
     if (prepareScaler(AV_PIX_FMT_RGB24, width, height, SWS_FAST_BILINEAR) &&
-        encodeFrame(data, frameHeight, bytesPerLine, lastPts + 1))
+        encodeFrame(data, bytesPerLine, lastPts + 1))
         return true;
     if (error.empty())
         error = "No connection to server";
@@ -146,7 +146,7 @@ bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pict
     if (pts <= lastPts)
         return true;
     if (prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
-        encodeFrame(data, pictureHeight, stride, pts))
+        encodeFrame(data, stride, pts))
         return true;
     if (error.empty())
         error = "No connection to server";
@@ -271,26 +271,10 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
 }
 
 bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter) {
-    if (scaler && format == scaledFormat && sourceWidth == scaledWidth &&
-        sourceHeight == scaledHeight)
+    if (scaler.prepare(format, sourceWidth, sourceHeight, frame, filter))
         return true;
-    scaler = sws_getCachedContext(scaler, sourceWidth, sourceHeight, format, width, height,
-                                  codec->pix_fmt, filter, nullptr, nullptr, nullptr);
-    scaledFormat = AV_PIX_FMT_NONE;
-    if (!scaler) {
-        logLine("OUTWriter failed to create swscale context for ", sourceWidth, "x", sourceHeight,
-                " ", pixelFormatName(format));
-        error = "Failed to convert the picture for the encoder";
-        return false;
-    }
-    const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
-    sws_setColorspaceDetails(scaler, bt709, 1, bt709, 0, 0, 1 << 16, 1 << 16);
-    scaledFormat = format;
-    scaledWidth = sourceWidth;
-    scaledHeight = sourceHeight;
-    logLine("OUTWriter scales ", sourceWidth, "x", sourceHeight, " ", pixelFormatName(format),
-            " to ", width, "x", height, " ", pixelFormatName(codec->pix_fmt));
-    return true;
+    error = "Failed to convert the picture for the encoder";
+    return false;
 }
 
 void OUTWriter::setEncoderOptions(AVCodecContext* context, const std::string& encoderName) {
@@ -339,7 +323,7 @@ bool OUTWriter::initOutput() {
     return true;
 }
 
-bool OUTWriter::encodeFrame(const uint8_t* data, int sourceHeight, int stride, int64_t pts) {
+bool OUTWriter::encodeFrame(const uint8_t* data, int stride, int64_t pts) {
     // Only a copy when the encoder still holds the last picture, which the scaler must then
     // not overwrite; the encoders here let go of it once it is sent.
     const int writable = av_frame_make_writable(frame);
@@ -347,9 +331,7 @@ bool OUTWriter::encodeFrame(const uint8_t* data, int sourceHeight, int stride, i
         logLine("OUTWriter failed to make frame writable: ", errorText(writable));
         return false;
     }
-    const uint8_t* const planes[4] = {data, nullptr, nullptr, nullptr};
-    const int strides[4] = {stride, 0, 0, 0};
-    sws_scale(scaler, planes, strides, 0, sourceHeight, frame->data, frame->linesize);
+    scaler.scale(data, stride, frame);
     frame->pts = pts;
     lastPts = pts;
     ++frameIndex;
@@ -407,9 +389,7 @@ int OUTWriter::writePacket(void* opaque, uint8_t* buffer, int size) {
 }
 
 void OUTWriter::releaseAll() {
-    sws_freeContext(scaler);
-    scaler = nullptr;
-    scaledFormat = AV_PIX_FMT_NONE;
+    scaler.release();
     av_packet_free(&packet);
     av_frame_free(&frame);
     avcodec_free_context(&codec);

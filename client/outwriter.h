@@ -1,5 +1,6 @@
 #pragma once
 
+#include "picturescaler.h"
 #include "srtconnection.h"
 #include "streamparams.h"
 
@@ -17,7 +18,6 @@ struct AVFrame;
 struct AVIOContext;
 struct AVPacket;
 struct AVStream;
-struct SwsContext;
 
 // What the writer knows about an encoder it may be given: the pixel format to feed it and
 // the label it goes by in the log.
@@ -75,7 +75,7 @@ private:
     static void setEncoderOptions(AVCodecContext* context, const std::string& encoderName);
     bool initOutput();
     bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
-    bool encodeFrame(const uint8_t* data, int sourceHeight, int stride, int64_t pts);
+    bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
     bool drainEncoder(bool flush);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
@@ -100,8 +100,5 @@ private:
     AVStream* stream = nullptr;
     AVFrame* frame = nullptr;
     AVPacket* packet = nullptr;
-    SwsContext* scaler = nullptr;
-    AVPixelFormat scaledFormat = AV_PIX_FMT_NONE;
-    int scaledWidth = 0;
-    int scaledHeight = 0;
+    PictureScaler scaler;
 };
