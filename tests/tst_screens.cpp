@@ -53,7 +53,6 @@ void ScreensTest::screenOfLeftEdge() {
 void ScreensTest::captureFollowsTheFrame_data() {
     QTest::addColumn<QRect>("start");
     QTest::addColumn<QPoint>("dragBy"); // (0, 0): the grip is pulled instead
-    QTest::newRow("grip on the primary") << QRect(1500, 100, 700, 500) << QPoint();
     QTest::newRow("grip, left edge on the left monitor") << QRect(600, 100, 900, 500) << QPoint();
     QTest::newRow("dragged to the left monitor") << QRect(1500, 100, 700, 500) << QPoint(-1300, 50);
     QTest::newRow("dragged to the primary") << QRect(100, 100, 700, 500) << QPoint(1300, 50);
