@@ -338,7 +338,9 @@ void CaptureStreamerTest::killedServerIsBackWithinThreeSeconds() {
     QVERIFY2(decoded, "no picture within 3 s of the server's return");
     QCOMPARE(back.connections()[0].streamId, std::string("#!::r=talk,m=publish"));
     QTRY_VERIFY(log.contains("SRT link back after "));
-    // Steady red while frames flow; the outage was long enough for a statistics line.
+    // Red at the button's next look at the link, then steady while frames flow; the outage was
+    // long enough for a statistics line.
+    QTRY_VERIFY(shows(live, red));
     for (int look = 0; look < 15; ++look, QTest::qWait(100))
         QVERIFY(live->isChecked() && shows(live, red));
     QTRY_VERIFY_WITH_TIMEOUT(log.contains("SRT link: rtt="), 20000);
