@@ -3,52 +3,114 @@
 #include "frame/transparentlabel.h"
 #include "frame/wcapture.h"
 
+#include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScreen>
 #include <QtTest>
 
 // The capture apparatus as the presenter handles it: the tool column, the frame beside it, the
-// frame's resize grip and the pointer marker, each dragged with the mouse.
+// frame's resize grip and the pointer marker, each dragged with the mouse. It runs on an X server
+// with a 1280x720 monitor to the left of a 1920x1080 primary, which QGuiApplication::screens()
+// lists first (tests/support/twoscreens.sh); each screen shows a colour of its own.
 class FrameTest : public QObject {
     Q_OBJECT
 
 private slots:
+    void initTestCase();
+    void screenOfLeftEdge_data();
+    void screenOfLeftEdge();
     void dragged_data();
     void dragged();
+
+private:
+    const QColor colours[2] = {QColor(200, 40, 160), QColor(30, 170, 60)};
+    QWidget below[2];
 };
+
+void FrameTest::initTestCase() {
+    const QList<QScreen*> screens = QGuiApplication::screens();
+    QCOMPARE(screens.size(), 2);
+    QCOMPARE(screens.at(1)->geometry(), QRect(0, 0, 1280, 720));
+    for (int i = 0; i < 2; ++i) {
+        below[i].setGeometry(screens.at(i)->geometry());
+        below[i].setStyleSheet("background:" + colours[i].name());
+        below[i].show();
+        QVERIFY(QTest::qWaitForWindowExposed(&below[i]));
+    }
+}
+
+void FrameTest::screenOfLeftEdge_data() {
+    QTest::addColumn<QList<QRect>>("screens");
+    QTest::addColumn<QPoint>("edgeTop");
+    QTest::addColumn<int>("index");
+    const QList<QRect> one{{0, 0, 1920, 1080}};
+    const QList<QRect> leftOfPrimary{{1280, 0, 1920, 1080}, {0, 0, 1280, 720}};
+    const QList<QRect> stacked{{0, 0, 1920, 1080}, {0, 1080, 1920, 1080}};
+    QTest::newRow("one screen, on it") << one << QPoint(300, 200) << 0;
+    QTest::newRow("primary first, on the left") << leftOfPrimary << QPoint(1279, 100) << 1;
+    QTest::newRow("below the left monitor") << leftOfPrimary << QPoint(100, 900) << 1;
+    QTest::newRow("left of both") << leftOfPrimary << QPoint(-50, 900) << 1;
+    QTest::newRow("stacked, on the lower") << stacked << QPoint(50, 1500) << 1;
+}
+
+void FrameTest::screenOfLeftEdge() {
+    QFETCH(QList<QRect>, screens);
+    QFETCH(QPoint, edgeTop);
+    QTEST(WCapture::screenOfLeftEdge(edgeTop, screens), "index");
+}
 
 void FrameTest::dragged_data() {
     QTest::addColumn<QString>("button"); // clicked on the column first; "hover": no press at all
     QTest::addColumn<QString>("handle");
+    QTest::addColumn<QRect>("start"); // null: where the column first puts the frame
     QTest::addColumn<QPoint>("delta");
     QTest::addColumn<QSize>("frameSize");
+    QTest::addColumn<int>("screen");      // that the capture ends on
     QTest::addColumn<QPoint>("markerAt"); // in the frame
     const QSize full(1280, 720);
-    QTest::newRow("column carries the frame") << ""
-                                              << "column" << QPoint(-120, -70) << full;
+    // The first place follows the first screen's size only: left of the left monitor's origin.
+    const QRect first;
+    QTest::newRow("column carries the frame")
+        << ""
+        << "column" << first << QPoint(-120, -70) << full << 1;
     QTest::newRow("pinned column stays") << "cmdLock"
-                                         << "column" << QPoint(-100, -100) << full;
+                                         << "column" << first << QPoint(-100, -100) << full << 1;
     QTest::newRow("grip resizes") << ""
-                                  << "grip" << QPoint(-300, -200) << QSize(980, 520);
-    QTest::newRow("grip stops at the minimum") << ""
-                                               << "grip" << QPoint(-1200, -700) << QSize(205, 205);
+                                  << "grip" << first << QPoint(-300, -200) << QSize(980, 520) << 1;
+    QTest::newRow("grip stops at the minimum")
+        << ""
+        << "grip" << first << QPoint(-1200, -700) << QSize(205, 205) << 1;
     QTest::newRow("pinned grip") << "cmdLock"
-                                 << "grip" << QPoint(90, 40) << full;
-    QTest::newRow("pointer passing over the grip") << "hover"
-                                                   << "grip" << QPoint(90, 40) << full;
+                                 << "grip" << first << QPoint(90, 40) << full << 1;
+    QTest::newRow("pointer passing over the grip")
+        << "hover"
+        << "grip" << first << QPoint(90, 40) << full << 1;
     QTest::newRow("marker inside the frame")
         << "cmdCursor"
-        << "marker" << QPoint(-5000, -5000) << full << QPoint(0, 0);
+        << "marker" << first << QPoint(-5000, -5000) << full << 1 << QPoint(0, 0);
     QTest::newRow("marker 37 px from the far edges")
         << "cmdCursor"
-        << "marker" << QPoint(5000, 5000) << full << QPoint(1280 - 37, 720 - 37);
+        << "marker" << first << QPoint(5000, 5000) << full << 1 << QPoint(1280 - 37, 720 - 37);
+    // Live (frame transparent), released on another screen.
+    QTest::newRow("grip, left edge on the left monitor")
+        << ""
+        << "grip" << QRect(600, 100, 900, 500) << QPoint(-100, -60) << QSize(800, 440) << 1;
+    QTest::newRow("column dragged to the left monitor")
+        << ""
+        << "column" << QRect(1500, 100, 700, 500) << QPoint(-1300, 50) << QSize(700, 500) << 1;
+    QTest::newRow("column dragged to the primary")
+        << ""
+        << "column" << QRect(100, 100, 700, 500) << QPoint(1300, 50) << QSize(700, 500) << 0;
 }
 
 void FrameTest::dragged() {
     QFETCH(QString, button);
     QFETCH(QString, handle);
+    QFETCH(QRect, start);
     QFETCH(QPoint, delta);
+    QFETCH(int, screen);
     WCapture column;
     DrawingForm* frame = column.drawingForm();
     ResizeWidget* grip = frame->resizeGrip();
@@ -59,6 +121,12 @@ void FrameTest::dragged() {
     QCOMPARE(frame->findChild<QLineEdit*>("leHostPort")->placeholderText(), QString("HOST:PORT"));
     QCOMPARE(frame->findChild<QLineEdit*>("leStreamId")->placeholderText(),
              QString("Stream ID (optional)"));
+    if (!start.isNull()) {
+        frame->setGeometry(start);
+        emit frame->newSize();
+        frame->setFormMode(0);
+        QVERIFY(QTest::qWaitForWindowExposed(frame));
+    }
     if (button.startsWith("cmd"))
         QTest::mouseClick(column.findChild<QPushButton*>(button), Qt::LeftButton);
     const QPoint columnAt = column.pos();
@@ -101,7 +169,21 @@ void FrameTest::dragged() {
     QCOMPARE(column.pos(), QPoint(area.right() + 1, area.bottom() + 1 - column.height()));
     QVERIFY(handle != "column" || column.pos() == columnAt + (button.isEmpty() ? delta : QPoint()));
     QVERIFY(column.isVisible());
-    QCOMPARE(column.captureRect.load(), area.adjusted(5, 5, -5, -5));
+    int index = -1;
+    QCOMPARE(column.captureRect.load(index),
+             area.adjusted(5, 5, -5, -5)
+                 .translated(-QGuiApplication::screens().at(screen)->geometry().topLeft()));
+    QCOMPARE(index, screen);
+    const auto grabbedCentre = [&column] {
+        const platform::GrabbedPicture* picture = column.grab();
+        if (!picture || picture->layout != platform::PixelLayout::Bgrx)
+            return QColor();
+        const uint8_t* pixel =
+            picture->data + picture->height / 2 * picture->stride + picture->width / 2 * 4;
+        return QColor(pixel[2], pixel[1], pixel[0]);
+    };
+    if (!start.isNull())
+        QTRY_COMPARE(grabbedCentre(), colours[screen]);
     QTRY_COMPARE(grip->pos(), area.width() > 205 ? area.bottomRight() + QPoint(1, 1) : gripAt);
     QTRY_COMPARE(grip->isVisible(), button != "cmdLock" || handle != "column");
     if (handle == "marker") {

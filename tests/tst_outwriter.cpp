@@ -103,17 +103,12 @@ void TestOutWriter::streamsDecodableH264() {
     // Exact bytes: a terminating zero sent along would show up as one more character.
     QCOMPARE(QString::fromStdString(listener.connections()[0].streamId), streamId);
 
-    for (const std::string& line :
-         {"OUTWriter start. hostPort=" + paramsFor(hostPort, port).hostPort + ", streamId=" +
-              streamId.toStdString() + ", videoBitrateKbps=800, audioBitrateKbps=128, latency=10",
-          std::string("OUTWriter requested encoder not found: libopenh264. Falling back to "
-                      "AV_CODEC_ID_H264"),
-          std::string("OUTWriter requested encoder: libopenh264, selected encoder: libx264 ("),
-          std::string("), profile: default"),
-          std::string("OUTWriter selected pixel format: yuv420p"),
-          std::string("OUTWriter got unexpected frame size: 200x100"),
-          std::string("OUTWriter stop. frames=")})
-        QVERIFY2(capture.log().find(line) != std::string::npos, line.c_str());
+    for (const char* line :
+         {"OUTWriter requested encoder not found: libopenh264. Falling back to AV_CODEC_ID_H264",
+          "OUTWriter requested encoder: libopenh264, selected encoder: libx264 (",
+          "), profile: default", "OUTWriter selected pixel format: yuv420p",
+          "OUTWriter got unexpected frame size: 200x100"})
+        QVERIFY2(capture.log().find(line) != std::string::npos, line);
 
     const QJsonObject probe = listener.probe(0);
     QCOMPARE(listener.video(0), QString("h264 400x224 %1/1").arg(fps));
@@ -152,10 +147,6 @@ void TestOutWriter::failedSetUpEndsTheStream_data() {
     QTest::newRow("pixel format not offered") << "libx264rgb" << 320
                                               << "OUTWriter selected encoder does not report pixel "
                                                  "format support: libx264rgb pix_fmt=yuv420p";
-    // VAAPI takes only hardware surfaces, so it is refused on every machine, with or without a GPU.
-    QTest::newRow("hardware surfaces only") << "h264_vaapi" << 320
-                                            << "OUTWriter selected encoder does not report pixel "
-                                               "format support: h264_vaapi pix_fmt=yuv420p";
     QTest::newRow("odd width refused by the encoder")
         << "libx264" << 321 << "OUTWriter failed to open encoder: ";
 }

@@ -11,8 +11,9 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
-#include <thread>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -30,6 +31,18 @@ QStringList logFiles(const QString& folder) {
     return QDir(folder).entryList({"brindle_client_*.txt"}, QDir::Files | QDir::System);
 }
 
+// The names the program may give its log file when started within the next half minute.
+QStringList logNamesAhead() {
+    QStringList names;
+    for (int second = 0; second < 30; ++second) {
+        const QDateTime at = QDateTime::currentDateTime().addSecs(second);
+        names << QString::fromStdString(logfile::fileName(
+            "brindle_client", at.date().year(), at.date().month(), at.date().day(),
+            at.time().hour(), at.time().minute(), at.time().second()));
+    }
+    return names;
+}
+
 } // namespace
 
 // What the program sets up as it starts: config.ini, the log file, crash reports.
@@ -41,8 +54,8 @@ private Q_SLOTS:
     void configPairs();
     void mediaLibraryLines();
     void firstRunCreatesSharedFoldersAndAPrivateLog();
-    void linkPlantedAtTheLogNameIsNotFollowed();
-    void unusableDataFolderIsReportedAndTheProgramGoesOn();
+    void nothingIsWrittenThroughPlantedFiles_data();
+    void nothingIsWrittenThroughPlantedFiles();
     void crashLeavesAReport_data();
     void crashLeavesAReport();
 };
@@ -139,44 +152,79 @@ void StartupTest::firstRunCreatesSharedFoldersAndAPrivateLog() {
         capture.contains("hello  7   world  \xc3\xa9 tests/tst_startup.cpp " + line.captured(2)));
 }
 
-void StartupTest::linkPlantedAtTheLogNameIsNotFollowed() {
-    QTemporaryDir root;
-    const QString logs = root.filePath("data/logs");
-    QVERIFY(QDir().mkpath(logs));
-    qputenv("BRINDLEWAVE_DATA_DIR", root.filePath("data").toUtf8());
-    QFile victim(root.filePath("victim.txt"));
-    QVERIFY(victim.open(QIODevice::WriteOnly) && victim.write("keep me") == 7);
-    victim.close();
-    // The name holds the current second: plant links for every second the call may fall in.
-    const QDateTime now = QDateTime::currentDateTime();
-    for (int second = 0; second < 60; ++second)
-        QVERIFY(victim.link(logs + now.toString("'/brindle_client_'yyyy_MM_dd_hh_mm_") +
-                            QString::asprintf("%02d.txt", second)));
-    openLogFile("brindle_client");
-    logLine("written through a link");
-    QCOMPARE(contentOf(victim.fileName()), QByteArray("keep me"));
-    if (QDateTime::currentDateTime().time().minute() == now.time().minute())
-        QVERIFY(logStream && logStream->fail());
+// Another local user plants files and folders in the shared data folder; the program must
+// write nothing through them, say once that it has no log folder, and keep running.
+void StartupTest::nothingIsWrittenThroughPlantedFiles_data() {
+    QTest::addColumn<QString>("plant"); // run in the test's folder, $names: the log names ahead
+    QTest::addColumn<QString>("dataFolder");
+    QTest::addColumn<bool>("logFolderFails");
+    QTest::newRow("nothing planted") << ""
+                                     << "data" << false;
+    QTest::newRow("log files of another user")
+        << "cd data/logs && touch $names && chmod 666 $names && chown 65534 $names"
+        << "data" << false;
+    QTest::newRow("hard links as log files")
+        << "for n in $names; do ln elsewhere/secret data/logs/$n; done"
+        << "data" << false;
+    QTest::newRow("symbolic links as folders")
+        << "rmdir data/logs && ln -s ../elsewhere data/logs && ln -s ../elsewhere data/crashs"
+           " && chown -h 65534 data/logs data/crashs"
+        << "data" << true;
+    QTest::newRow("log folder of another user") << "chmod 777 data/logs && chown 65534 data/logs"
+                                                << "data" << true;
+    QTest::newRow("no data folder") << ""
+                                    << "elsewhere/secret/data" << true;
 }
 
-void StartupTest::unusableDataFolderIsReportedAndTheProgramGoesOn() {
+void StartupTest::nothingIsWrittenThroughPlantedFiles() {
+    QFETCH(QString, plant);
+    QFETCH(QString, dataFolder);
+    QFETCH(bool, logFolderFails);
+    if (geteuid() != 0 && plant.contains("chown"))
+        QSKIP("only root can plant files of another user");
     QTemporaryDir root;
-    QFile plainFile(root.filePath("not-a-folder"));
-    QVERIFY(plainFile.open(QIODevice::WriteOnly));
-    plainFile.close();
-    qputenv("BRINDLEWAVE_DATA_DIR", (plainFile.fileName() + "/data").toUtf8());
-    // Without a folder the name alone is opened, that is in the working directory.
-    const QString workingDirectory = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(root.path()));
-    MessageCapture capture;
-    openLogFile("brindle_client");
-    logLine("still running");
-    QDir::setCurrent(workingDirectory);
-    QVERIFY(capture.contains("FAIL create logs:") && capture.contains("still running"));
-    const QStringList files = logFiles(root.path());
-    QCOMPARE(files.size(), 1);
-    QVERIFY(
-        contentOf(root.filePath(files[0])).contains("  still running  tests/tst_startup.cpp  "));
+    const QString setUp = "cd '" + root.path() +
+                          "' && mkdir -p data/logs elsewhere work && chmod 1777 data/logs && "
+                          "chmod 777 elsewhere && printf secret >elsewhere/secret && names='" +
+                          logNamesAhead().join(' ') + "' && ";
+    QCOMPARE(QProcess::execute("sh", {"-ec", setUp + (plant.isEmpty() ? "true" : plant)}), 0);
+
+    QProcess program;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("BRINDLEWAVE_DATA_DIR", root.filePath(dataFolder));
+    environment.insert("XDG_CONFIG_HOME", root.filePath("config"));
+    environment.insert("QT_QPA_PLATFORM", "offscreen");
+    program.setProcessEnvironment(environment);
+    program.setWorkingDirectory(root.filePath("work"));
+    program.setProcessChannelMode(QProcess::MergedChannels);
+    program.start(qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave",
+                  QStringList());
+    const QString settings = root.filePath("config/Myrtlebrook/Brindlewave.conf");
+    QTRY_VERIFY_WITH_TIMEOUT(contentOf(settings).contains("ROOM_GUID"), 30000);
+    QCOMPARE(program.state(), QProcess::Running);
+    program.terminate();
+    QVERIFY(program.waitForFinished(10000));
+
+    QCOMPARE(modeOf(settings), mode_t(0600));
+    QCOMPARE(program.readAll().count("FAIL create logs:"), logFolderFails ? 1 : 0);
+    QCOMPARE(contentOf(root.filePath("elsewhere/secret")), QByteArray("secret"));
+    QCOMPARE(QDir(root.filePath("elsewhere")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+             QStringList{"secret"});
+    QVERIFY(!QFileInfo::exists(root.filePath("work/crashs")));
+    // What was planted is left as it was; the program's own log is private, in the log folder
+    // or, where it has none, in its working directory.
+    const QString ownLogIn = logFolderFails ? "work/" : plant.isEmpty() ? "data/logs/" : "";
+    for (const QString folder : {"data/logs/", "work/"}) {
+        const QStringList written = QDir(root.filePath(folder)).entryList(QDir::Files);
+        QVERIFY(folder != ownLogIn || written.size() == 1);
+        for (const QString& name : written) {
+            const QString file = root.filePath(folder + name);
+            const QByteArray text = contentOf(file);
+            QVERIFY2(folder == ownLogIn ? modeOf(file) == 0600 && text.contains("SETTINGS:")
+                                        : text.isEmpty() || text == "secret",
+                     qPrintable(file));
+        }
+    }
 }
 
 void StartupTest::crashLeavesAReport_data() {

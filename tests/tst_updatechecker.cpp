@@ -84,12 +84,6 @@ QString walk(const Bytes& table) {
 
 } // namespace
 
-// libFuzzer's entry point: the input is taken as a whole raw table.
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    walk(Bytes(data, data + size));
-    return 0;
-}
-
 class TestUpdateChecker : public QObject {
     Q_OBJECT
 

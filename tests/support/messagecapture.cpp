@@ -14,16 +14,21 @@ std::vector<std::pair<QtMsgType, QString>> captured;
 QtMessageHandler previous = nullptr;
 
 void capture(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    QtMessageHandler forward;
     {
         const std::lock_guard<std::mutex> lock(mutex);
         captured.emplace_back(type, message);
+        forward = previous;
     }
-    previous(type, context, message);
+    forward(type, context, message);
 }
 
 } // namespace
 
+// A thread of an earlier capture's run may still be logging its last lines: the handler's
+// state changes under the lock it is read with.
 MessageCapture::MessageCapture(bool logLines) : previousLog(logStream) {
+    const std::lock_guard<std::mutex> lock(mutex);
     captured.clear();
     previous = qInstallMessageHandler(capture);
     if (logLines)
@@ -31,6 +36,7 @@ MessageCapture::MessageCapture(bool logLines) : previousLog(logStream) {
 }
 
 MessageCapture::~MessageCapture() {
+    const std::lock_guard<std::mutex> lock(mutex);
     qInstallMessageHandler(previous);
     // A log file opened meanwhile stays the run's log.
     if (logStream == &logBuffer)

@@ -33,10 +33,9 @@ int PatternWindow::worstError(const QImage& picture, int inset) {
                                                 row ? picture.height() - 1 - inset : inset);
         const QColor seen = picture.pixelColor(at);
         const QColor& shown = colours[quadrant % 4];
-        if (quadrant < 4 || inset > 0)
-            worst = std::max({worst, std::abs(seen.red() - shown.red()),
-                              std::abs(seen.green() - shown.green()),
-                              std::abs(seen.blue() - shown.blue())});
+        worst = std::max({worst, std::abs(seen.red() - shown.red()),
+                          std::abs(seen.green() - shown.green()),
+                          std::abs(seen.blue() - shown.blue())});
     }
     return worst;
 }

@@ -15,8 +15,8 @@ public:
     explicit PatternWindow(QRect area);
 
     // Largest channel difference between the quadrants' colours and `picture` (of any size) at
-    // the quadrants' centres, and at their outer corners `inset` pixels in when that is set.
-    static int worstError(const QImage& picture, int inset = 0);
+    // the quadrants' centres and at their outer corners `inset` pixels in.
+    static int worstError(const QImage& picture, int inset);
 
 protected:
     void paintEvent(QPaintEvent*) override;

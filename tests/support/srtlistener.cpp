@@ -145,11 +145,9 @@ QString SrtListener::video(std::size_t connection) const {
 }
 
 QImage SrtListener::picture(std::size_t connection, int index) const {
-    const QStringList decode{"-v",         "error",   "-i",
-                             "IN",         "-vf",     QString("select=eq(n\\,%1)").arg(index),
-                             "-frames:v",  "1",       "-f",
-                             "image2pipe", "-vcodec", "ppm",
-                             "-"};
-    return QImage::fromData(runTool(bytes(connection), "ffmpeg", decode), "PPM")
+    const QString decode = "-v error -i IN -vf select=eq(n\\,%1) -frames:v 1 -f image2pipe "
+                           "-vcodec ppm -";
+    return QImage::fromData(runTool(bytes(connection), "ffmpeg", decode.arg(index).split(' ')),
+                            "PPM")
         .convertToFormat(QImage::Format_RGB888);
 }
