@@ -315,6 +315,10 @@ bool OUTWriter::initOutput() {
         logLine("OUTWriter failed to copy encoder parameters: ", errorText(copied));
         return false;
     }
+    // With its length in the header, a video PES is complete as soon as its last byte
+    // arrives; without it a receiving demuxer holds each picture until the next one starts,
+    // which costs every viewer a whole frame period of delay.
+    av_opt_set_int(output->priv_data, "omit_video_pes_length", 0, 0);
     const int written = avformat_write_header(output, nullptr);
     if (written < 0) {
         logLine("OUTWriter failed to write output header: ", errorText(written));
