@@ -138,7 +138,7 @@ private slots:
         QCOMPARE(lines.size(), logged.isEmpty() ? 0 : 1);
         for (const QString& part : logged)
             QVERIFY2(lines[0].contains(part), qPrintable(lines[0]));
-        QTEST(capture.messagesOf(QtWarningMsg).filter("[UpdateChecker]").size() == 1, "warning");
+        QTEST(capture.messages(QtWarningMsg).filter("[UpdateChecker]").size() == 1, "warning");
         if (status <= 0)
             return;
         const QRegularExpressionMatch request =
