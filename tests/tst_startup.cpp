@@ -36,30 +36,24 @@ private slots:
         QTest::addColumn<QByteArray>("content"); // null: no file
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("value"); // "default" where the key is not found
-        const struct {
-            const char* name;
-            QByteArray content;
-            const char* key;
-            const char* value;
-        } rows[] = {
-            {"blanks and case", "  BitRate =  2000000  ", "bitrate", "2000000"},
-            {"tabs and CR", "\tfps\t=\t30\r\nbitrate=1\r\n", "fps", "30"},
-            {"first occurrence wins", "FPS = 30\nfps=50\n", "fps", "30"},
-            {"section and blank lines", "[config]\n\n \t\nfps=7", "fps", "7"},
-            {"empty value", "codec=\n", "codec", "default"},
-            {"empty key", "=x\n", "", "default"},
-            {"comment", "# bitrate=5\n", "bitrate", "default"},
-            {"indented comment", "   # fps=5\n", "fps", "default"},
-            {"semicolon is no comment", " ;bitrate=5", ";bitrate", "5"},
-            {"no inline comment", "framesize = 1280x720 # small", "framesize", "1280x720 # small"},
-            {"first equals splits", "a=b=c", "a", "b=c"},
-            {"quotes kept", "codec = \"libx264\"", "codec", "\"libx264\""},
-            {"no separator", "fps 25", "fps", "default"},
-            {"empty file", "", "fps", "default"},
-            {"no file", QByteArray(), "fps", "default"},
+        const auto row = [](const char* name, QByteArray content, QString key, QString value) {
+            QTest::newRow(name) << content << key << value;
         };
-        for (const auto& row : rows)
-            QTest::newRow(row.name) << row.content << row.key << row.value;
+        row("blanks and case", "  BitRate =  2000000  ", "bitrate", "2000000");
+        row("tabs and CR", "\tfps\t=\t30\r\nbitrate=1\r\n", "fps", "30");
+        row("first occurrence wins", "FPS = 30\nfps=50\n", "fps", "30");
+        row("section and blank lines", "[config]\n\n \t\nfps=7", "fps", "7");
+        row("empty value", "codec=\n", "codec", "default");
+        row("empty key", "=x\n", "", "default");
+        row("comment", "# bitrate=5\n", "bitrate", "default");
+        row("indented comment", "   # fps=5\n", "fps", "default");
+        row("semicolon is no comment", " ;bitrate=5", ";bitrate", "5");
+        row("no inline comment", "framesize = 1280x720 # small", "framesize", "1280x720 # small");
+        row("first equals splits", "a=b=c", "a", "b=c");
+        row("quotes kept", "codec = \"libx264\"", "codec", "\"libx264\"");
+        row("no separator", "fps 25", "fps", "default");
+        row("empty file", "", "fps", "default");
+        row("no file", QByteArray(), "fps", "default");
     }
 
     void configPairs() {
