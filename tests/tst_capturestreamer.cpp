@@ -264,7 +264,6 @@ private slots:
                    .arg(serverPort)
                    .arg(encodedSecret),
                "#!::r=talk,m=publish");
-        QVERIFY(live->isChecked() && shows(live, red));
         QTRY_VERIFY_WITH_TIMEOUT(server.canReadLine(), 20000);
         QCOMPARE(server.readLine(), QByteArray("streaming\n"));
         server.kill();
@@ -319,10 +318,9 @@ private slots:
         for (const QString& hidden : {secret, encodedSecret})
             QVERIFY(!log.contains(hidden));
         globalState->settings()->sync();
-        const QFile::Permissions others =
+        const auto others =
             QFile::ReadGroup | QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther;
-        QCOMPARE(QFile::permissions(globalState->settings()->fileName()) & others,
-                 QFile::Permissions());
+        QVERIFY(!(QFile::permissions(globalState->settings()->fileName()) & others));
     }
 
     void liveSwitchedOnAndOffWhileFramesFlow() {
@@ -339,40 +337,7 @@ private slots:
         verifyFormMode();
         QTRY_VERIFY(listener.connections().back().closed);
     }
-
-    void exitWhileLiveEndsTheProcessWithZero() {
-        // The frame steps aside so that it does not cover the child's.
-        capture->hide();
-        stream = listener.connectionCount();
-        QProcess child;
-        qputenv("BRINDLE_EXIT_CHILD", here.toUtf8());
-        child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        child.start(QCoreApplication::applicationFilePath(), QStringList());
-        qunsetenv("BRINDLE_EXIT_CHILD");
-        QTRY_VERIFY_WITH_TIMEOUT(listener.connectionCount() == stream + 1 &&
-                                     listener.bytes(stream).size() > 20000,
-                                 30000);
-        child.write("exit\n");
-        QVERIFY(child.waitForFinished(30000));
-        QVERIFY(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0);
-        QTRY_VERIFY(listener.connections()[stream].closed);
-        capture->show();
-    }
 };
-
-// The child: the whole program goes live to the given address, and the form's exit button is
-// pressed once the parent says so on standard input.
-int exitWhileLiveChild(const QString& address) {
-    MainWindow window;
-    DrawingForm* frame = findCapture()->drawingForm();
-    frame->findChild<QLineEdit*>("leHostPort")->setText(address);
-    frame->findChild<QPushButton*>("pbStart")->click();
-    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
-    QObject::connect(&input, &QSocketNotifier::activated,
-                     [frame] { frame->findChild<QPushButton*>("pbExit")->click(); });
-    QApplication::exec();
-    return 4; // the exit button ends the process before the event loop could return
-}
 
 // The server process: reports once it listens and once the stream flows, then lives until it
 // is killed.
@@ -398,8 +363,6 @@ int main(int argc, char** argv) {
     // The main window reads config.ini beside the executable; without it the encoder gets its
     // defaults.
     QFile::remove(QCoreApplication::applicationDirPath() + "/config.ini");
-    if (qEnvironmentVariableIsSet("BRINDLE_EXIT_CHILD"))
-        return exitWhileLiveChild(qEnvironmentVariable("BRINDLE_EXIT_CHILD"));
     CaptureStreamerTest test;
     return QTest::qExec(&test, argc, argv);
 }
