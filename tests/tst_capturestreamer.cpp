@@ -253,10 +253,8 @@ private slots:
         const uint16_t serverPort = freeLoopbackPort(true);
         // Live, encrypted, to a listener in a child process, which reports once the stream flows.
         QProcess server;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("BRINDLE_LISTENER_CHILD", QString::number(serverPort));
-        server.setProcessEnvironment(environment);
-        server.start(QCoreApplication::applicationFilePath(), QStringList());
+        server.start(QCoreApplication::applicationFilePath(),
+                     {"--listener", QString::number(serverPort)});
         QVERIFY(server.waitForReadyRead(10000));
         QCOMPARE(server.readLine(), QByteArray("listening\n"));
         // The form's stream id wins over the address's.
@@ -357,8 +355,8 @@ int listenerChild(uint16_t port) {
 }
 
 int main(int argc, char** argv) {
-    if (qEnvironmentVariableIsSet("BRINDLE_LISTENER_CHILD"))
-        return listenerChild(qEnvironmentVariableIntValue("BRINDLE_LISTENER_CHILD"));
+    if (argc == 3 && QByteArray(argv[1]) == "--listener")
+        return listenerChild(QByteArray(argv[2]).toUShort());
     QApplication application(argc, argv);
     // The main window reads config.ini beside the executable; without it the encoder gets its
     // defaults.

@@ -106,8 +106,7 @@ private slots:
         }
         if (button.startsWith("cmd"))
             QTest::mouseClick(column.findChild<QPushButton*>(button), Qt::LeftButton);
-        const QPoint columnAt = column.pos();
-        const QPoint gripAt = grip->pos();
+        const QPoint columnAt = column.pos(), gripAt = grip->pos();
         // Each check of the marker puts it in the frame's corner.
         const QPoint corner = frame->geometry().bottomRight() - QPoint(4, 4) -
                               QPoint(marker->width(), marker->height());
