@@ -177,10 +177,10 @@ private slots:
 
     void takenOrRefusedWithItsText_data() {
         QTest::addColumn<QString>("listenerSecret");
-        QTest::addColumn<QString>(
-            "address"); // PORT: the listener's, which is on ::1 for "::1:PORT"
-        QTest::addColumn<QString>(
-            "text"); // whole, or its start where it ends in ": "; empty: taken
+        // address: PORT stands for the listener's, which is on ::1 for "::1:PORT"; text: the
+        // whole text, or its start where it ends in ": "; empty where the address is taken.
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<QString>("text");
         const auto row = [](const char* name, QString secret, QString address, QString text) {
             QTest::newRow(name) << secret << address << text;
         };
