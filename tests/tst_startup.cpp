@@ -83,8 +83,9 @@ private slots:
     // write nothing through them, say once that it has no log folder, and keep running. On a fresh
     // machine it makes the data and log folders, shared by all users, and a private log.
     void nothingIsWrittenThroughPlantedFiles_data() {
-        QTest::addColumn<QString>("plant"); // run in the test's folder with data/logs made; $names:
-                                            // the names the log may get within the next half minute
+        // plant: run in the test's folder, where data/logs is made for it first; $names holds
+        // the names the log may get within the next half minute.
+        QTest::addColumn<QString>("plant");
         QTest::addColumn<QString>("dataFolder");
         QTest::addColumn<bool>("logFolderFails");
         const auto row = [](const char* name, QString plant, QString dataFolder, bool fails) {
