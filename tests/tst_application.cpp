@@ -5,12 +5,7 @@
 #include "support/srtlistener.h"
 
 #include <QApplication>
-#include <QJsonArray>
-#include <QProcess>
 #include <QPushButton>
-#include <QRegularExpression>
-#include <QSettings>
-#include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
@@ -43,119 +38,114 @@ const char* const encoderMessage = "Failed to initialize video encoder or MPEG-T
 class ApplicationTest : public QObject {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase();
-    void clickedThroughARun_data();
-    void clickedThroughARun();
-
-private:
     QTemporaryDir folder;
     QPoint liveButton, exitButton, exitButtonBelowMessage, columnInPlace;
-};
 
-void ApplicationTest::initTestCase() {
-    // The program's windows stand where an identical apparatus stands here: measure the
-    // buttons on one, then put it away. A message in the form moves the exit button down.
-    qApp->setStyleSheet(applicationStyleSheetText());
-    auto* twin = new WCapture;
-    QVERIFY(QTest::qWaitForWindowExposed(twin) &&
-            QTest::qWaitForWindowExposed(twin->drawingForm()));
-    auto* pbExit = twin->drawingForm()->findChild<QPushButton*>("pbExit");
-    liveButton = twin->liveButton()->mapToGlobal(twin->liveButton()->rect().center());
-    columnInPlace = twin->pos();
-    exitButton = pbExit->mapToGlobal(pbExit->rect().center());
-    twin->drawingForm()->changeStatus(encoderMessage, 0);
-    QTRY_VERIFY((exitButtonBelowMessage = pbExit->mapToGlobal(pbExit->rect().center())) !=
-                exitButton);
-    twin->hide();
-    QTRY_VERIFY(!twin->drawingForm()->isVisible());
-}
-
-void ApplicationTest::clickedThroughARun_data() {
-    QTest::addColumn<QByteArray>("configIni"); // beside the executable
-    QTest::addColumn<QString>("roomGuid");     // stored by an earlier run
-    QTest::newRow("streams, stops and exits with zero") << QByteArray() << "";
-    // VAAPI takes only hardware surfaces, so it is refused on every machine.
-    QTest::newRow("encoder that cannot open is shown in the form")
-        << QByteArray("codec = h264_vaapi\n") << "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0";
-}
-
-void ApplicationTest::clickedThroughARun() {
-    QFETCH(QByteArray, configIni);
-    QFETCH(QString, roomGuid);
-    const bool streams = configIni.isEmpty();
-    const uint16_t port = freeLoopbackPort(true);
-    SrtListener listener;
-    QVERIFY(listener.start(port));
-
-    // config.ini is read beside the executable: this run gets a copy of its own. Its settings
-    // hold the server's address, as after an earlier run.
-    const QDir bin(folder.filePath(QTest::currentDataTag()));
-    QVERIFY(bin.mkpath("config/Myrtlebrook") && bin.mkpath("data"));
-    QVERIFY(QFile::copy(qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave",
-                        bin.filePath("brindlewave")));
-    QFile config(bin.filePath("config.ini"));
-    QVERIFY(streams || (config.open(QIODevice::WriteOnly) && config.write(configIni) > 0));
-    config.close();
-    const QString settingsFile = bin.filePath("config/Myrtlebrook/Brindlewave.conf");
-    QSettings(settingsFile, QSettings::IniFormat)
-        .setValue("SRT_HOST_PORT", QString("127.0.0.1:%1").arg(port));
-    if (!roomGuid.isEmpty())
-        QSettings(settingsFile, QSettings::IniFormat).setValue("ROOM_GUID", roomGuid);
-
-    QProcess program;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("XDG_CONFIG_HOME", bin.filePath("config"));
-    environment.insert("BRINDLEWAVE_DATA_DIR", bin.filePath("data"));
-    program.setProcessEnvironment(environment);
-    program.setProcessChannelMode(QProcess::ForwardedChannels);
-    program.start(bin.filePath("brindlewave"), QStringList());
-    // The column is first shown where the screen's size puts it, then set beside the frame:
-    // the buttons are only where they were measured once it stands there.
-    QTRY_COMPARE_WITH_TIMEOUT(columnPosition(), columnInPlace, 30000);
-    clickAt(liveButton);
-    const auto log = [&bin] {
-        QFile file(bin.filePath("data/logs/") +
-                   QDir(bin.filePath("data/logs")).entryList(QDir::Files).value(0));
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    };
-    if (streams) {
-        QTRY_VERIFY_WITH_TIMEOUT(listener.probe(0)["frames"].toArray().size() >= 25, 30000);
-        clickAt(liveButton);
-        QTRY_VERIFY(listener.connections()[0].closed);
-    } else {
-        QTRY_VERIFY_WITH_TIMEOUT(log().contains(QString("changeStatus 0 ") + encoderMessage),
-                                 30000);
-        QCOMPARE(program.state(), QProcess::Running);
+private slots:
+    void initTestCase() {
+        // The program's windows stand where an identical apparatus stands here: measure the
+        // buttons on one, then put it away. A message in the form moves the exit button down.
+        qApp->setStyleSheet(applicationStyleSheetText());
+        auto* twin = new WCapture;
+        QVERIFY(QTest::qWaitForWindowExposed(twin) &&
+                QTest::qWaitForWindowExposed(twin->drawingForm()));
+        auto* pbExit = twin->drawingForm()->findChild<QPushButton*>("pbExit");
+        liveButton = twin->liveButton()->mapToGlobal(twin->liveButton()->rect().center());
+        columnInPlace = twin->pos();
+        exitButton = pbExit->mapToGlobal(pbExit->rect().center());
+        twin->drawingForm()->changeStatus(encoderMessage, 0);
+        QTRY_VERIFY((exitButtonBelowMessage = pbExit->mapToGlobal(pbExit->rect().center())) !=
+                    exitButton);
+        twin->hide();
+        QTRY_VERIFY(!twin->drawingForm()->isVisible());
     }
-    // The form is back, with the message if there was one. It is mapped again asynchronously
-    // after the mode change: click its exit button until the program answers by ending.
-    for (QDeadlineTimer deadline(20000); !program.waitForFinished(500) && !deadline.hasExpired();)
-        clickAt(streams ? exitButton : exitButtonBelowMessage);
-    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(program.exitCode(), 0);
-    QVERIFY(!streams || listener.video(0).startsWith("h264 1920x1080 "));
 
-    // Log items run together; the column's placement is that on the 1920x1080 test screen.
-    const QString text = log();
-    QStringList lines{
-        "SETTINGS:" + settingsFile, "screen:001920x1080", "move: 640360", "switchLive1",
-        QString("OUTWriter start. hostPort=127.0.0.1:%1, streamId=, videoBitrateKbps=5000, "
-                "audioBitrateKbps=128, latency=10")
-            .arg(port)};
-    if (streams)
-        lines << "switchLive0"
-              << "OUTWriter stop. frames=";
-    for (const QString& line : lines)
-        QVERIFY2(text.contains(line), qPrintable(line + " not in\n" + text));
-    // The room identifier is made once and kept.
-    const QString room =
-        QSettings(settingsFile, QSettings::IniFormat).value("ROOM_GUID").toString();
-    QVERIFY2(
-        QRegularExpression("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$").match(room).hasMatch(),
-        qPrintable(room));
-    QVERIFY(roomGuid.isEmpty() || room == roomGuid);
-}
+    void clickedThroughARun_data() {
+        QTest::addColumn<QByteArray>("configIni"); // beside the executable
+        QTest::addColumn<QString>("roomGuid");     // stored by an earlier run
+        QTest::addColumn<QStringList>("logged");   // besides what every run logs
+        QTest::newRow("streams, stops and exits with zero")
+            << QByteArray() << "" << QStringList{"switchLive0", "OUTWriter stop. frames="};
+        // VAAPI takes only hardware surfaces, so it is refused on every machine.
+        QTest::newRow("encoder that cannot open is shown in the form")
+            << QByteArray("codec = h264_vaapi\n") << "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0"
+            << QStringList{"OUTWriter selected encoder does not report pixel format support: "
+                           "h264_vaapi pix_fmt=yuv420p"};
+    }
+
+    void clickedThroughARun() {
+        QFETCH(QByteArray, configIni);
+        QFETCH(QString, roomGuid);
+        QFETCH(QStringList, logged);
+        const bool streams = configIni.isEmpty();
+        const uint16_t port = freeLoopbackPort(true);
+        SrtListener listener;
+        QVERIFY(listener.start(port));
+
+        // config.ini is read beside the executable: this run gets a copy of its own. Its settings
+        // hold the server's address, as after an earlier run.
+        const QDir bin(folder.filePath(QTest::currentDataTag()));
+        QVERIFY(bin.mkpath("config/Myrtlebrook") && bin.mkpath("data"));
+        QVERIFY(QFile::copy(qEnvironmentVariable("BRINDLE_BINARY_DIR") + "/client/brindlewave",
+                            bin.filePath("brindlewave")));
+        QFile config(bin.filePath("config.ini"));
+        QVERIFY(streams || (config.open(QIODevice::WriteOnly) && config.write(configIni) > 0));
+        config.close();
+        const QString settingsFile = bin.filePath("config/Myrtlebrook/Brindlewave.conf");
+        QSettings(settingsFile, QSettings::IniFormat)
+            .setValue("SRT_HOST_PORT", QString("127.0.0.1:%1").arg(port));
+        if (!roomGuid.isEmpty())
+            QSettings(settingsFile, QSettings::IniFormat).setValue("ROOM_GUID", roomGuid);
+
+        QProcess program;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_CONFIG_HOME", bin.filePath("config"));
+        environment.insert("BRINDLEWAVE_DATA_DIR", bin.filePath("data"));
+        program.setProcessEnvironment(environment);
+        program.setProcessChannelMode(QProcess::ForwardedChannels);
+        program.start(bin.filePath("brindlewave"), QStringList());
+        // The column is first shown where the screen's size puts it, then set beside the frame:
+        // the buttons are only where they were measured once it stands there.
+        QTRY_COMPARE_WITH_TIMEOUT(columnPosition(), columnInPlace, 30000);
+        clickAt(liveButton);
+        const auto log = [&bin] {
+            QFile file(bin.filePath("data/logs/") +
+                       QDir(bin.filePath("data/logs")).entryList(QDir::Files).value(0));
+            return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+        };
+        if (streams) {
+            QTRY_VERIFY_WITH_TIMEOUT(listener.probe(0)["frames"].toArray().size() >= 25, 30000);
+            clickAt(liveButton);
+            QTRY_VERIFY(listener.connections()[0].closed);
+        } else {
+            QTRY_VERIFY_WITH_TIMEOUT(log().contains(QString("changeStatus 0 ") + encoderMessage),
+                                     30000);
+            QCOMPARE(program.state(), QProcess::Running);
+        }
+        // The form is back, with the message if there was one. It is mapped again asynchronously
+        // after the mode change: click its exit button until the program answers by ending.
+        for (QDeadlineTimer deadline(20000);
+             !program.waitForFinished(500) && !deadline.hasExpired();)
+            clickAt(streams ? exitButton : exitButtonBelowMessage);
+        QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(program.exitCode(), 0);
+
+        // Log items run together; the column's placement is that on the 1920x1080 test screen.
+        const QString text = log();
+        logged += {"SETTINGS:" + settingsFile, "screen:001920x1080", "move: 640360", "switchLive1",
+                   QString("OUTWriter start. hostPort=127.0.0.1:%1, streamId=, "
+                           "videoBitrateKbps=5000, audioBitrateKbps=128, latency=10")
+                       .arg(port)};
+        for (const QString& line : logged)
+            QVERIFY2(text.contains(line), qPrintable(line + " not in\n" + text));
+        // The room identifier is made once and kept.
+        const QString room =
+            QSettings(settingsFile, QSettings::IniFormat).value("ROOM_GUID").toString();
+        const QRegularExpression uuid("^[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$");
+        QVERIFY2(uuid.match(room).hasMatch() && (roomGuid.isEmpty() || room == roomGuid),
+                 qPrintable(room));
+    }
+};
 
 QTEST_MAIN(ApplicationTest)
 #include "tst_application.moc"

@@ -8,14 +8,9 @@
 #include "support/srtlistener.h"
 
 #include <QApplication>
-#include <QDeadlineTimer>
-#include <QJsonArray>
 #include <QLabel>
 #include <QLineEdit>
-#include <QProcess>
 #include <QPushButton>
-#include <QSettings>
-#include <QSocketNotifier>
 #include <QtTest>
 #include <algorithm>
 #include <cstdio>
@@ -47,26 +42,6 @@ bool shows(const QPushButton* button, const char* icon) {
 class CaptureStreamerTest : public QObject {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase();
-    void streamsTheFramedPictureInTrueColoursWithGapsForMissedTicks();
-    void sharedMemoryGrabAndToolkitFallbackAgree();
-    void refusedWithTheirText_data();
-    void refusedWithTheirText();
-    void liveOffNeverWaitsForTheNetwork_data();
-    void liveOffNeverWaitsForTheNetwork();
-    void killedServerIsBackWithinThreeSeconds();
-    void liveSwitchedOnAndOffWhileFramesFlow();
-    void exitWhileLiveEndsTheProcessWithZero();
-
-private:
-    // Puts the frame's inside at `area` with the four-colour picture under it.
-    void frameOver(QRect area);
-    // Goes live through the form; a run to `listener` makes its connection number `stream`.
-    void goLive(const QString& address, const QString& streamId = "");
-    // Goes live, encrypted, to a listener in a child process once that receives the stream.
-    void goLiveToServerProcess(uint16_t serverPort, QProcess& server);
-    void verifyFormMode();
     QJsonArray frames() const { return listener.probe(stream)["frames"].toArray(); }
 
     std::unique_ptr<MainWindow> window = std::make_unique<MainWindow>();
@@ -78,334 +53,289 @@ private:
     SrtListener listener;
     const QString here = QString("127.0.0.1:%1").arg(freeLoopbackPort(true));
     std::size_t stream = 0;
-};
 
-void CaptureStreamerTest::initTestCase() {
-    QVERIFY(QTest::qWaitForWindowExposed(capture) && !window->isVisible());
-    const StreamConfig* config = globalState->config();
-    QVERIFY(config->fps == 25 && config->bitrate == 1000000 && config->codec == "libopenh264" &&
-            config->framesize == "1920x1080");
-    // What reaches the global state reaches the form.
-    globalState->changeStatus("Server is full", 0);
-    QVERIFY(message->isVisible() && message->text() == "Server is full");
-    QVERIFY(listener.start(here.section(':', 1).toUShort()));
-}
-
-void CaptureStreamerTest::frameOver(QRect area) {
-    frame->setGeometry(area.adjusted(-5, -5, 5, 5));
-    emit frame->newSize();
-    QCOMPARE(capture->captureRect.load(), area);
-    pattern = std::make_unique<PatternWindow>(area);
-    QVERIFY(QTest::qWaitForWindowExposed(pattern.get()));
-}
-
-void CaptureStreamerTest::goLive(const QString& address, const QString& streamId) {
-    stream = listener.connectionCount();
-    frame->findChild<QLineEdit*>("leHostPort")->setText(address);
-    frame->findChild<QLineEdit*>("leStreamId")->setText(streamId);
-    QTest::mouseClick(frame->findChild<QPushButton*>("pbStart"), Qt::LeftButton);
-}
-
-// Back at the start form: the frame takes clicks again and nothing is live.
-void CaptureStreamerTest::verifyFormMode() {
-    QVERIFY(frame->isVisible() && frame->connectionForm()->isVisible());
-    QCOMPARE(frame->findChild<QPushButton*>("pbStart")->text(), QString("START"));
-    QVERIFY(!live->isChecked() && shows(live, white));
-    QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
-                 frame->windowHandle());
-}
-
-void CaptureStreamerTest::streamsTheFramedPictureInTrueColoursWithGapsForMissedTicks() {
-    frameOver(QRect(60, 40, 640, 360));
-    // The form's texts are taken trimmed, and remembered for the next run.
-    goLive("  " + here + "\t", " cam ");
-    QVERIFY(live->isChecked() && shows(live, red) && !frame->connectionForm()->isVisible());
-    QVERIFY(window->settings()->value("SRT_HOST_PORT") == here &&
-            window->settings()->value("SRT_STREAM_ID") == "cam");
-    // Clicks inside the frame reach the window below it.
-    QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
-                 pattern->windowHandle());
-    QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= 30, 30000);
-    // Resized while live: the stream keeps its size, the picture follows the new rectangle.
-    frameOver(QRect(30, 30, 1000, 1000));
-    const int resizedAt = frames().size();
-    QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= resizedAt + 40, 30000);
-    // While the frame is dragged no tick writes a picture: a second of ticks is missed.
-    capture->dragging = true;
-    QTest::qWait(1000);
-    capture->dragging = false;
-    const int draggedAt = frames().size();
-    QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= draggedAt + 10, 30000);
-    QTest::mouseClick(live, Qt::LeftButton);
-    verifyFormMode();
-    QTRY_VERIFY(listener.connections()[stream].closed);
-    QCOMPARE(listener.connections()[stream].streamId, std::string("cam"));
-    QCOMPARE(listener.video(stream), QString("h264 1920x1080 25/1"));
-
-    const QJsonObject probe = listener.probe(stream);
-    const QJsonObject video = probe["streams"].toArray().at(0).toObject();
-    for (const char* tag : {"color_space", "color_transfer", "color_primaries"})
-        QCOMPARE(video[tag].toString(), QString("bt709"));
-    QCOMPARE(video["color_range"].toString(), QString("tv"));
-    double previous = -1;
-    double widestGap = 0;
-    for (const QJsonValue& frame : probe["frames"].toArray()) {
-        QCOMPARE(QSize(frame["width"].toInt(), frame["height"].toInt()), QSize(1920, 1080));
-        const double pts = frame["pts_time"].toString().toDouble();
-        QVERIFY2(pts > previous, qPrintable(QString::number(pts)));
-        widestGap = std::max(widestGap, previous < 0 ? 0 : pts - previous);
-        previous = pts;
+    // Puts the frame's inside at `area` with the four-colour picture under it.
+    void frameOver(QRect area) {
+        frame->setGeometry(area.adjusted(-5, -5, 5, 5));
+        emit frame->newSize();
+        QCOMPARE(capture->captureRect.load(), area);
+        pattern = std::make_unique<PatternWindow>(area);
+        QVERIFY(QTest::qWaitForWindowExposed(pattern.get()));
     }
-    QVERIFY2(widestGap > 0.9 && widestGap < 3, qPrintable(QString::number(widestGap)));
-    // Before and after the resize, stretched to the edges in the colours shown: no bars, no
-    // border of the frame.
-    for (const int index : {20, probe["frames"].toArray().size() - 5}) {
-        const int error = PatternWindow::worstError(listener.picture(stream, index), 8);
-        QVERIFY2(error < 12, qPrintable(QString::number(error)));
+
+    // Goes live through the form; a run to `listener` makes its connection number `stream`.
+    void goLive(const QString& address, const QString& streamId = "") {
+        stream = listener.connectionCount();
+        frame->findChild<QLineEdit*>("leHostPort")->setText(address);
+        frame->findChild<QLineEdit*>("leStreamId")->setText(streamId);
+        QTest::mouseClick(frame->findChild<QPushButton*>("pbStart"), Qt::LeftButton);
     }
-}
 
-void CaptureStreamerTest::sharedMemoryGrabAndToolkitFallbackAgree() {
-    const QRect area(200, 150, 333, 211);
-    frameOver(area);
-    platform::ScreenGrab sharedMemory;
-    QVERIFY2(sharedMemory.open(), sharedMemory.lastError().c_str());
-    platform::GrabbedPicture shared;
-    QVERIFY(sharedMemory.grab(area.x(), area.y(), area.width(), area.height(), shared));
-
-    // A display without the extension makes the grab fall back to the toolkit's.
-    QProcess server;
-    server.start("Xvfb", {"-displayfd", "1", "-extension", "MIT-SHM", "-nolisten", "tcp"});
-    QVERIFY(server.waitForReadyRead(20000));
-    const QByteArray display = qgetenv("DISPLAY");
-    qputenv("DISPLAY", ":" + server.readLine().trimmed());
-    MessageCapture log;
-    FrameGrabber grabber;
-    const platform::GrabbedPicture* fallback = grabber.grab(QGuiApplication::primaryScreen(), area);
-    qputenv("DISPLAY", display);
-    server.kill();
-    server.waitForFinished();
-    QVERIFY(log.contains("The X server has no shared memory") && fallback);
-
-    QCOMPARE(fallback->layout, shared.layout);
-    QCOMPARE(QSize(fallback->width, fallback->height), QSize(shared.width, shared.height));
-    int different = 0;
-    for (int y = 0; y < area.height(); ++y)
-        for (int x = 0; x < area.width() * 4; ++x)
-            different += x % 4 != 3 && fallback->data[y * fallback->stride + x] !=
-                                           shared.data[y * shared.stride + x];
-    QCOMPARE(different, 0);
-}
-
-void CaptureStreamerTest::refusedWithTheirText_data() {
-    QTest::addColumn<QString>("listenerSecret");
-    QTest::addColumn<QString>("address"); // PORT: the listener's
-    QTest::addColumn<QString>("text");    // the whole text, or its start where it ends in ": "
-    const QString url = "srt://127.0.0.1:PORT?";
-    const QString shape = "SRT address must be HOST:PORT";
-    const QString badPort = "SRT port is invalid";
-    const struct {
-        const char* name;
-        QString listenerSecret, address, text;
-    } rows[] = {
-        {"nobody listens", "", QString("127.0.0.1:%1").arg(freeLoopbackPort(true)),
-         "SRT connect failed: "},
-        {"wrong passphrase", secret, url + "passphrase=wrong%20secret",
-         "SRT connect failed: the server refused the passphrase"},
-        {"missing passphrase", secret, "127.0.0.1:PORT",
-         "SRT connect failed: the server requires a passphrase"},
-        {"short passphrase", "", url + "passphrase=short",
-         "SRT passphrase must be 10 to 79 characters"},
-        {"unknown option", "", url + "latency=20&foo=1", "unknown SRT option: foo"},
-        {"key length", "", url + "pbkeylen=20", "SRT pbkeylen must be 16, 24 or 32"},
-        {"latency", "", url + "latency=200000", "SRT latency must be 0 to 60000 milliseconds"},
-        {"broken escape", "", url + "streamid=%2", "SRT address has a broken percent escape"},
-        {"URL without port", "", "srt://[::1]?latency=20",
-         "SRT address must be srt://HOST:PORT?option=value"},
-        {"URL port out of range", "", "srt://[::1]:65536", badPort},
-        {"brackets are not an address", "", "[::1]:9000", "failed to resolve SRT host: [::1]"},
-        {"no colon", "", "127.0.0.1", shape},
-        {"blanks only", "", "   ", shape},
-        {"no host", "", ":80", shape},
-        {"no port", "", "example:", shape},
-        {"port zero", "", "127.0.0.1:0", badPort},
-        {"port out of range", "", "127.0.0.1:65536", badPort},
-        {"negative port", "", "example:-80", badPort},
-        {"port past 32 bits", "", "example:4294967377", badPort},
-        {"port not a number", "", "127.0.0.1:80x", badPort},
-        // The live click as the global state makes it: an empty form.
-        {"live clicked through the global state", "", "", shape},
-    };
-    for (const auto& row : rows)
-        QTest::newRow(row.name) << row.listenerSecret << row.address << row.text;
-}
-
-void CaptureStreamerTest::refusedWithTheirText() {
-    QFETCH(QString, listenerSecret);
-    QFETCH(QString, address);
-    QFETCH(QString, text);
-    SrtListener server;
-    server.setPassphrase(listenerSecret.toStdString());
-    const uint16_t serverPort = freeLoopbackPort(true);
-    QVERIFY(server.start(serverPort));
-    MessageCapture log;
-    if (address.isEmpty()) {
-        frame->findChild<QLineEdit*>("leHostPort")->clear();
-        globalState->clickLive();
-    } else {
-        goLive(address.replace("PORT", QString::number(serverPort)));
+    // Back at the start form: the frame takes clicks again and nothing is live.
+    void verifyFormMode() {
+        QVERIFY(frame->isVisible() && frame->connectionForm()->isVisible());
+        QCOMPARE(frame->findChild<QPushButton*>("pbStart")->text(), QString("START"));
+        QVERIFY(!live->isChecked() && shows(live, white));
+        QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
+                     frame->windowHandle());
     }
-    verifyFormMode();
-    QVERIFY2(message->isVisible() &&
-                 (text.endsWith(": ") ? message->text().startsWith(text) : message->text() == text),
-             qPrintable(message->text()));
-    QVERIFY(log.contains("OUTWriter failed to connect SRT:  " + message->text()));
-    QCOMPARE(server.connectionCount(), std::size_t(0));
-}
 
-void CaptureStreamerTest::goLiveToServerProcess(uint16_t serverPort, QProcess& server) {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("BRINDLE_LISTENER_CHILD", QString::number(serverPort));
-    server.setProcessEnvironment(environment);
-    server.start(QCoreApplication::applicationFilePath(), QStringList());
-    QVERIFY(server.waitForReadyRead(10000));
-    QCOMPARE(server.readLine(), QByteArray("listening\n"));
-    // The form's stream id wins over the address's.
-    goLive(QString("srt://127.0.0.1:%1?streamid=other+id&passphrase=%2&pbkeylen=32&latency=120")
-               .arg(serverPort)
-               .arg(encodedSecret),
-           "#!::r=talk,m=publish");
-    QVERIFY(live->isChecked() && shows(live, red));
-    QTRY_VERIFY_WITH_TIMEOUT(server.canReadLine(), 20000);
-    QCOMPARE(server.readLine(), QByteArray("streaming\n"));
-}
+private slots:
+    void initTestCase() {
+        QVERIFY(QTest::qWaitForWindowExposed(capture) && !window->isVisible());
+        const StreamConfig* config = globalState->config();
+        QVERIFY(config->fps == 25 && config->bitrate == 1000000 && config->codec == "libopenh264" &&
+                config->framesize == "1920x1080");
+        // What reaches the global state reaches the form.
+        globalState->changeStatus("Server is full", 0);
+        QVERIFY(message->isVisible() && message->text() == "Server is full");
+        QVERIFY(listener.start(here.section(':', 1).toUShort()));
+    }
 
-void CaptureStreamerTest::liveOffNeverWaitsForTheNetwork_data() {
-    QTest::addColumn<int>("attempts");
-    QTest::newRow("before the loss is noticed") << 0;
-    QTest::newRow("during the first reconnect") << 1;
-    QTest::newRow("during a later reconnect") << 2;
-}
-
-// The server process is killed: no goodbye reaches the program.
-void CaptureStreamerTest::liveOffNeverWaitsForTheNetwork() {
-    QFETCH(int, attempts);
-    MessageCapture log;
-    QProcess server;
-    goLiveToServerProcess(freeLoopbackPort(true), server);
-    server.kill();
-    QVERIFY(server.waitForFinished());
-
-    const QString reconnecting = "SrtConnection reconnecting";
-    QTRY_VERIFY_WITH_TIMEOUT(log.messages().filter(reconnecting).size() >= attempts, 30000);
-    QTest::mouseClick(live, Qt::LeftButton);
-    // The click has returned with the attempt still under way: the stop abandoned it rather
-    // than waiting for its end, and the flush of the stream did not start another.
-    QVERIFY(!live->isChecked() && frame->connectionForm()->isVisible());
-    QCOMPARE(log.contains("SrtConnection abandons the reconnect in progress"), attempts > 0);
-    QCOMPARE(log.messages().filter(reconnecting).size(), attempts);
-}
-
-void CaptureStreamerTest::killedServerIsBackWithinThreeSeconds() {
-    MessageCapture log;
-    const uint16_t serverPort = freeLoopbackPort(true);
-    QProcess server;
-    goLiveToServerProcess(serverPort, server);
-    server.kill();
-    QVERIFY(server.waitForFinished());
-    // Lost: the button flashes, white and red by turns.
-    QTRY_VERIFY_WITH_TIMEOUT(log.contains("SRT link lost"), 20000);
-    QTRY_VERIFY(live->isChecked() && shows(live, white));
-    QTRY_VERIFY(live->isChecked() && shows(live, red));
-    // Away for over 10 s: the loss takes libsrt 5 s to notice, then each attempt 3 s to fail.
-    QTRY_VERIFY_WITH_TIMEOUT(log.messages().filter("SrtConnection reconnecting").size() >= 3,
-                             30000);
-
-    // Back, with the passphrase it insists on: only what arrived before the deadline counts,
-    // and it must decode to pictures.
-    SrtListener back;
-    back.setPassphrase(secret.toStdString());
-    QVERIFY(back.start(serverPort));
-    const QDeadlineTimer due(3000);
-    bool decoded = false;
-    const auto picturesOrLate = [&] {
-        if (!due.hasExpired() && back.connectionCount() == 1 &&
-            !back.probe(0)["frames"].toArray().isEmpty())
-            decoded = true;
-        return decoded || due.hasExpired();
-    };
-    QTRY_VERIFY_WITH_TIMEOUT(picturesOrLate(), 10000);
-    QVERIFY2(decoded, "no picture within 3 s of the server's return");
-    QCOMPARE(back.connections()[0].streamId, std::string("#!::r=talk,m=publish"));
-    QTRY_VERIFY(log.contains("SRT link back after "));
-    // Red at the button's next look at the link, then steady while frames flow; the outage was
-    // long enough for a statistics line.
-    QTRY_VERIFY(shows(live, red));
-    for (int look = 0; look < 15; ++look, QTest::qWait(100))
-        QVERIFY(live->isChecked() && shows(live, red));
-    QTRY_VERIFY_WITH_TIMEOUT(log.contains("SRT link: rtt="), 20000);
-
-    // Live can be switched off while the link is down.
-    back.stop();
-    QTRY_VERIFY(shows(live, white));
-    QTest::mouseClick(live, Qt::LeftButton);
-    verifyFormMode();
-    QVERIFY(log.contains("SRT link totals: packets sent=") && log.contains(", reconnects= 1"));
-    QVERIFY(log.contains("passphrase=***"));
-    for (const QString& hidden : {secret, encodedSecret})
-        QVERIFY(!log.contains(hidden));
-    globalState->settings()->sync();
-    const QFile::Permissions others =
-        QFile::ReadGroup | QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther;
-    QCOMPARE(QFile::permissions(globalState->settings()->fileName()) & others,
-             QFile::Permissions());
-}
-
-void CaptureStreamerTest::liveSwitchedOnAndOffWhileFramesFlow() {
-    for (int cycle = 0; cycle < 100; ++cycle) {
-        goLive(here);
-        QVERIFY(live->isChecked());
-        // The first frame's transport stream has reached the server.
-        QTRY_VERIFY_WITH_TIMEOUT(
-            listener.connectionCount() == stream + 1 && listener.bytes(stream).size() > 0, 10000);
+    void streamsTheFramedPictureInTrueColoursWithGapsForMissedTicks() {
+        frameOver(QRect(60, 40, 640, 360));
+        // The form's texts are taken trimmed, and remembered for the next run.
+        goLive("  " + here + "\t", " cam ");
+        QVERIFY(live->isChecked() && shows(live, red) && !frame->connectionForm()->isVisible());
+        QVERIFY(window->settings()->value("SRT_HOST_PORT") == here &&
+                window->settings()->value("SRT_STREAM_ID") == "cam");
+        // Clicks inside the frame reach the window below it.
+        QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
+                     pattern->windowHandle());
+        QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= 30, 30000);
+        // Resized while live: the stream keeps its size, the picture follows the new rectangle.
+        frameOver(QRect(30, 30, 1000, 1000));
+        const int resizedAt = frames().size();
+        QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= resizedAt + 40, 30000);
+        // While the frame is dragged no tick writes a picture: a second of ticks is missed.
+        capture->dragging = true;
+        QTest::qWait(1000);
+        capture->dragging = false;
+        const int draggedAt = frames().size();
+        QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= draggedAt + 10, 30000);
         QTest::mouseClick(live, Qt::LeftButton);
-        QVERIFY(!live->isChecked());
+        verifyFormMode();
+        QTRY_VERIFY(listener.connections()[stream].closed);
+        QCOMPARE(listener.connections()[stream].streamId, std::string("cam"));
+        QCOMPARE(listener.video(stream), QString("h264 1920x1080 25/1"));
+
+        const QJsonObject probe = listener.probe(stream);
+        const QJsonObject video = probe["streams"].toArray().at(0).toObject();
+        for (const char* tag : {"color_space", "color_transfer", "color_primaries"})
+            QCOMPARE(video[tag].toString(), QString("bt709"));
+        QCOMPARE(video["color_range"].toString(), QString("tv"));
+        double previous = -1;
+        double widestGap = 0;
+        for (const QJsonValue& frame : probe["frames"].toArray()) {
+            QCOMPARE(QSize(frame["width"].toInt(), frame["height"].toInt()), QSize(1920, 1080));
+            const double pts = frame["pts_time"].toString().toDouble();
+            QVERIFY2(pts > previous, qPrintable(QString::number(pts)));
+            widestGap = std::max(widestGap, previous < 0 ? 0 : pts - previous);
+            previous = pts;
+        }
+        QVERIFY2(widestGap > 0.9 && widestGap < 3, qPrintable(QString::number(widestGap)));
+        // Before and after the resize, stretched to the edges in the colours shown: no bars, no
+        // border of the frame.
+        for (const int index : {20, probe["frames"].toArray().size() - 5}) {
+            const int error = PatternWindow::worstError(listener.picture(stream, index), 8);
+            QVERIFY2(error < 12, qPrintable(QString::number(error)));
+        }
     }
-    verifyFormMode();
-    QTRY_VERIFY(listener.connections().back().closed);
-}
 
-void CaptureStreamerTest::exitWhileLiveEndsTheProcessWithZero() {
-    // The frame steps aside so that it does not cover the child's.
-    capture->hide();
-    stream = listener.connectionCount();
-    QProcess child;
-    qputenv("BRINDLE_EXIT_CHILD", here.toUtf8());
-    child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    child.start(QCoreApplication::applicationFilePath(), QStringList());
-    qunsetenv("BRINDLE_EXIT_CHILD");
-    QTRY_VERIFY_WITH_TIMEOUT(
-        listener.connectionCount() == stream + 1 && listener.bytes(stream).size() > 20000, 30000);
-    child.write("exit\n");
-    QVERIFY(child.waitForFinished(30000));
-    QVERIFY(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0);
-    QTRY_VERIFY(listener.connections()[stream].closed);
-    capture->show();
-}
+    void sharedMemoryGrabAndToolkitFallbackAgree() {
+        const QRect area(200, 150, 333, 211);
+        frameOver(area);
+        platform::ScreenGrab sharedMemory;
+        QVERIFY2(sharedMemory.open(), sharedMemory.lastError().c_str());
+        platform::GrabbedPicture shared;
+        QVERIFY(sharedMemory.grab(area.x(), area.y(), area.width(), area.height(), shared));
 
-// The child: the whole program goes live to the given address, and the form's exit button is
-// pressed once the parent says so on standard input.
-int exitWhileLiveChild(const QString& address) {
-    MainWindow window;
-    DrawingForm* frame = findCapture()->drawingForm();
-    frame->findChild<QLineEdit*>("leHostPort")->setText(address);
-    frame->findChild<QPushButton*>("pbStart")->click();
-    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
-    QObject::connect(&input, &QSocketNotifier::activated,
-                     [frame] { frame->findChild<QPushButton*>("pbExit")->click(); });
-    QApplication::exec();
-    return 4; // the exit button ends the process before the event loop could return
-}
+        // A display without the extension makes the grab fall back to the toolkit's.
+        QProcess server;
+        server.start("Xvfb", {"-displayfd", "1", "-extension", "MIT-SHM", "-nolisten", "tcp"});
+        QVERIFY(server.waitForReadyRead(20000));
+        const QByteArray display = qgetenv("DISPLAY");
+        qputenv("DISPLAY", ":" + server.readLine().trimmed());
+        MessageCapture log;
+        FrameGrabber grabber;
+        const platform::GrabbedPicture* fallback =
+            grabber.grab(QGuiApplication::primaryScreen(), area);
+        qputenv("DISPLAY", display);
+        server.kill();
+        server.waitForFinished();
+        QVERIFY(log.contains("The X server has no shared memory") && fallback);
+
+        QCOMPARE(fallback->layout, shared.layout);
+        QCOMPARE(QSize(fallback->width, fallback->height), QSize(shared.width, shared.height));
+        int different = 0;
+        for (int y = 0; y < area.height(); ++y)
+            for (int x = 0; x < area.width() * 4; ++x)
+                different += x % 4 != 3 && fallback->data[y * fallback->stride + x] !=
+                                               shared.data[y * shared.stride + x];
+        QCOMPARE(different, 0);
+    }
+
+    void takenOrRefusedWithItsText_data() {
+        QTest::addColumn<QString>("listenerSecret");
+        // address: PORT stands for the listener's, which is on ::1 for "::1:PORT"; text: the
+        // whole text, or its start where it ends in ": "; empty where the address is taken.
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<QString>("text");
+        const auto row = [](const char* name, QString secret, QString address, QString text) {
+            QTest::newRow(name) << secret << address << text;
+        };
+        const QString url = "srt://127.0.0.1:PORT?";
+        const QString shape = "SRT address must be HOST:PORT";
+        const QString badPort = "SRT port is invalid";
+        // Taken: a host name, resolved; an unbracketed IPv6 host, split at its last colon.
+        row("host name", "", "localhost:PORT", "");
+        row("unbracketed IPv6", "", "::1:PORT", "");
+        row("blank and plus sign before the port", "", "127.0.0.1: +PORT", "");
+        row("nobody listens", "", QString("127.0.0.1:%1").arg(freeLoopbackPort(true)),
+            "SRT connect failed: ");
+        row("wrong passphrase", secret, url + "passphrase=wrong%20secret",
+            "SRT connect failed: the server refused the passphrase");
+        row("missing passphrase", secret, "127.0.0.1:PORT",
+            "SRT connect failed: the server requires a passphrase");
+        row("short passphrase", "", url + "passphrase=short",
+            "SRT passphrase must be 10 to 79 characters");
+        row("unknown option", "", url + "latency=20&foo=1", "unknown SRT option: foo");
+        row("key length", "", url + "pbkeylen=20", "SRT pbkeylen must be 16, 24 or 32");
+        row("latency", "", url + "latency=200000", "SRT latency must be 0 to 60000 milliseconds");
+        row("broken escape", "", url + "streamid=%2", "SRT address has a broken percent escape");
+        row("URL without port", "", "srt://[::1]?latency=20",
+            "SRT address must be srt://HOST:PORT?option=value");
+        row("URL port out of range", "", "srt://[::1]:65536", badPort);
+        row("brackets are not an address", "", "[::1]:9000", "failed to resolve SRT host: [::1]");
+        row("no colon", "", "127.0.0.1", shape);
+        row("blanks only", "", "   ", shape);
+        row("no host", "", ":80", shape);
+        row("no port", "", "example:", shape);
+        row("port zero", "", "127.0.0.1:0", badPort);
+        row("port out of range", "", "127.0.0.1:65536", badPort);
+        row("negative port", "", "example:-80", badPort);
+        row("port past 32 bits", "", "example:4294967377", badPort);
+        row("port not a number", "", "127.0.0.1:80x", badPort);
+        // The live click as the global state makes it: an empty form.
+        row("live clicked through the global state", "", "", shape);
+    }
+
+    void takenOrRefusedWithItsText() {
+        QFETCH(QString, listenerSecret);
+        QFETCH(QString, address);
+        QFETCH(QString, text);
+        SrtListener server;
+        server.setPassphrase(listenerSecret.toStdString());
+        const uint16_t serverPort = freeLoopbackPort(true);
+        QVERIFY(server.start(serverPort, address.startsWith("::")));
+        MessageCapture log;
+        if (address.isEmpty()) {
+            frame->findChild<QLineEdit*>("leHostPort")->clear();
+            globalState->clickLive();
+        } else {
+            goLive(address.replace("PORT", QString::number(serverPort)));
+        }
+        if (text.isEmpty()) {
+            QTRY_VERIFY(server.connectionCount() == 1 && !server.bytes(0).isEmpty());
+            QTest::mouseClick(live, Qt::LeftButton);
+            return verifyFormMode();
+        }
+        verifyFormMode();
+        QVERIFY2(message->isVisible() && (text.endsWith(": ") ? message->text().startsWith(text)
+                                                              : message->text() == text),
+                 qPrintable(message->text()));
+        QVERIFY(log.contains("OUTWriter failed to connect SRT:  " + message->text()));
+        QCOMPARE(server.connectionCount(), std::size_t(0));
+    }
+
+    void killedServerIsBackWithinThreeSeconds() {
+        MessageCapture log;
+        const uint16_t serverPort = freeLoopbackPort(true);
+        // Live, encrypted, to a listener in a child process, which reports once the stream flows.
+        QProcess server;
+        server.start(QCoreApplication::applicationFilePath(),
+                     {"--listener", QString::number(serverPort)});
+        QVERIFY(server.waitForReadyRead(10000));
+        QCOMPARE(server.readLine(), QByteArray("listening\n"));
+        // The form's stream id wins over the address's.
+        goLive(QString("srt://127.0.0.1:%1?streamid=other+id&passphrase=%2&pbkeylen=32&latency=120")
+                   .arg(serverPort)
+                   .arg(encodedSecret),
+               "#!::r=talk,m=publish");
+        QTRY_VERIFY_WITH_TIMEOUT(server.canReadLine(), 20000);
+        QCOMPARE(server.readLine(), QByteArray("streaming\n"));
+        server.kill();
+        QVERIFY(server.waitForFinished());
+        // Lost: the button flashes, white and red by turns.
+        QTRY_VERIFY_WITH_TIMEOUT(log.contains("SRT link lost"), 20000);
+        QTRY_VERIFY(live->isChecked() && shows(live, white));
+        QTRY_VERIFY(live->isChecked() && shows(live, red));
+        // Away for over 10 s: the loss takes libsrt 5 s to notice, then each attempt 3 s to fail.
+        QTRY_VERIFY_WITH_TIMEOUT(log.messages().filter("SrtConnection reconnecting").size() >= 3,
+                                 30000);
+
+        // Back, with the passphrase it insists on: only what arrived before the deadline counts,
+        // and it must decode to pictures.
+        SrtListener back;
+        back.setPassphrase(secret.toStdString());
+        QVERIFY(back.start(serverPort));
+        const QDeadlineTimer due(3000);
+        bool decoded = false;
+        const auto picturesOrLate = [&] {
+            if (!due.hasExpired() && back.connectionCount() == 1 &&
+                !back.probe(0)["frames"].toArray().isEmpty())
+                decoded = true;
+            return decoded || due.hasExpired();
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(picturesOrLate(), 10000);
+        QVERIFY2(decoded, "no picture within 3 s of the server's return");
+        QCOMPARE(back.connections()[0].streamId, std::string("#!::r=talk,m=publish"));
+        QTRY_VERIFY(log.contains("SRT link back after "));
+        // Red at the button's next look at the link, then steady while frames flow; the outage was
+        // long enough for a statistics line.
+        QTRY_VERIFY(shows(live, red));
+        for (int look = 0; look < 15; ++look, QTest::qWait(100))
+            QVERIFY(live->isChecked() && shows(live, red));
+        QTRY_VERIFY_WITH_TIMEOUT(log.contains("SRT link: rtt="), 20000);
+
+        // Gone again, this time with a goodbye. Switched off during the reconnect, the stop
+        // abandons it rather than waiting for its end, and the flush of the stream does not start
+        // another.
+        const QString reconnecting = "SrtConnection reconnecting";
+        const int attempts = log.messages().filter(reconnecting).size();
+        back.stop();
+        QTRY_VERIFY(shows(live, white));
+        int started = 0;
+        QTRY_VERIFY((started = log.messages().filter(reconnecting).size()) > attempts);
+        QTest::mouseClick(live, Qt::LeftButton);
+        verifyFormMode();
+        QVERIFY(log.contains("SrtConnection abandons the reconnect in progress"));
+        QCOMPARE(log.messages().filter(reconnecting).size(), started);
+        QVERIFY(log.contains("SRT link totals: packets sent=") && log.contains(", reconnects= 1"));
+        QVERIFY(log.contains("passphrase=***"));
+        for (const QString& hidden : {secret, encodedSecret})
+            QVERIFY(!log.contains(hidden));
+        globalState->settings()->sync();
+        const auto others =
+            QFile::ReadGroup | QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther;
+        QVERIFY(!(QFile::permissions(globalState->settings()->fileName()) & others));
+    }
+
+    void liveSwitchedOnAndOffWhileFramesFlow() {
+        for (int cycle = 0; cycle < 100; ++cycle) {
+            goLive(here);
+            QVERIFY(live->isChecked());
+            // The first frame's transport stream has reached the server.
+            QTRY_VERIFY_WITH_TIMEOUT(listener.connectionCount() == stream + 1 &&
+                                         listener.bytes(stream).size() > 0,
+                                     10000);
+            QTest::mouseClick(live, Qt::LeftButton);
+            QVERIFY(!live->isChecked());
+        }
+        verifyFormMode();
+        QTRY_VERIFY(listener.connections().back().closed);
+    }
+};
 
 // The server process: reports once it listens and once the stream flows, then lives until it
 // is killed.
@@ -425,14 +355,12 @@ int listenerChild(uint16_t port) {
 }
 
 int main(int argc, char** argv) {
-    if (qEnvironmentVariableIsSet("BRINDLE_LISTENER_CHILD"))
-        return listenerChild(qEnvironmentVariableIntValue("BRINDLE_LISTENER_CHILD"));
+    if (argc == 3 && QByteArray(argv[1]) == "--listener")
+        return listenerChild(QByteArray(argv[2]).toUShort());
     QApplication application(argc, argv);
     // The main window reads config.ini beside the executable; without it the encoder gets its
     // defaults.
     QFile::remove(QCoreApplication::applicationDirPath() + "/config.ini");
-    if (qEnvironmentVariableIsSet("BRINDLE_EXIT_CHILD"))
-        return exitWhileLiveChild(qEnvironmentVariable("BRINDLE_EXIT_CHILD"));
     CaptureStreamerTest test;
     return QTest::qExec(&test, argc, argv);
 }

@@ -5,7 +5,6 @@
 
 #include <QGuiApplication>
 #include <QLabel>
-#include <QLineEdit>
 #include <QPushButton>
 #include <QScreen>
 #include <QtTest>
@@ -17,188 +16,168 @@
 class FrameTest : public QObject {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void screenOfLeftEdge_data();
-    void screenOfLeftEdge();
-    void dragged_data();
-    void dragged();
-
-private:
     const QColor colours[2] = {QColor(200, 40, 160), QColor(30, 170, 60)};
     QWidget below[2];
-};
 
-void FrameTest::initTestCase() {
-    const QList<QScreen*> screens = QGuiApplication::screens();
-    QCOMPARE(screens.size(), 2);
-    QCOMPARE(screens.at(1)->geometry(), QRect(0, 0, 1280, 720));
-    for (int i = 0; i < 2; ++i) {
-        below[i].setGeometry(screens.at(i)->geometry());
-        below[i].setStyleSheet("background:" + colours[i].name());
-        below[i].show();
-        QVERIFY(QTest::qWaitForWindowExposed(&below[i]));
-    }
-}
-
-void FrameTest::screenOfLeftEdge_data() {
-    QTest::addColumn<QList<QRect>>("screens");
-    QTest::addColumn<QPoint>("edgeTop");
-    QTest::addColumn<int>("index");
-    const QList<QRect> one{{0, 0, 1920, 1080}};
-    const QList<QRect> leftOfPrimary{{1280, 0, 1920, 1080}, {0, 0, 1280, 720}};
-    const QList<QRect> stacked{{0, 0, 1920, 1080}, {0, 1080, 1920, 1080}};
-    QTest::newRow("one screen, on it") << one << QPoint(300, 200) << 0;
-    QTest::newRow("primary first, on the left") << leftOfPrimary << QPoint(1279, 100) << 1;
-    QTest::newRow("below the left monitor") << leftOfPrimary << QPoint(100, 900) << 1;
-    QTest::newRow("left of both") << leftOfPrimary << QPoint(-50, 900) << 1;
-    QTest::newRow("stacked, on the lower") << stacked << QPoint(50, 1500) << 1;
-}
-
-void FrameTest::screenOfLeftEdge() {
-    QFETCH(QList<QRect>, screens);
-    QFETCH(QPoint, edgeTop);
-    QTEST(WCapture::screenOfLeftEdge(edgeTop, screens), "index");
-}
-
-void FrameTest::dragged_data() {
-    QTest::addColumn<QString>("button"); // clicked on the column first; "hover": no press at all
-    QTest::addColumn<QString>("handle");
-    QTest::addColumn<QRect>("start"); // null: where the column first puts the frame
-    QTest::addColumn<QPoint>("delta");
-    QTest::addColumn<QSize>("frameSize");
-    QTest::addColumn<int>("screen");      // that the capture ends on
-    QTest::addColumn<QPoint>("markerAt"); // in the frame
-    const QSize full(1280, 720);
-    // The first place follows the first screen's size only: left of the left monitor's origin.
-    const QRect first;
-    QTest::newRow("column carries the frame")
-        << ""
-        << "column" << first << QPoint(-120, -70) << full << 1;
-    QTest::newRow("pinned column stays") << "cmdLock"
-                                         << "column" << first << QPoint(-100, -100) << full << 1;
-    QTest::newRow("grip resizes") << ""
-                                  << "grip" << first << QPoint(-300, -200) << QSize(980, 520) << 1;
-    QTest::newRow("grip stops at the minimum")
-        << ""
-        << "grip" << first << QPoint(-1200, -700) << QSize(205, 205) << 1;
-    QTest::newRow("pinned grip") << "cmdLock"
-                                 << "grip" << first << QPoint(90, 40) << full << 1;
-    QTest::newRow("pointer passing over the grip")
-        << "hover"
-        << "grip" << first << QPoint(90, 40) << full << 1;
-    QTest::newRow("marker inside the frame")
-        << "cmdCursor"
-        << "marker" << first << QPoint(-5000, -5000) << full << 1 << QPoint(0, 0);
-    QTest::newRow("marker 37 px from the far edges")
-        << "cmdCursor"
-        << "marker" << first << QPoint(5000, 5000) << full << 1 << QPoint(1280 - 37, 720 - 37);
-    // Live (frame transparent), released on another screen.
-    QTest::newRow("grip, left edge on the left monitor")
-        << ""
-        << "grip" << QRect(600, 100, 900, 500) << QPoint(-100, -60) << QSize(800, 440) << 1;
-    QTest::newRow("column dragged to the left monitor")
-        << ""
-        << "column" << QRect(1500, 100, 700, 500) << QPoint(-1300, 50) << QSize(700, 500) << 1;
-    QTest::newRow("column dragged to the primary")
-        << ""
-        << "column" << QRect(100, 100, 700, 500) << QPoint(1300, 50) << QSize(700, 500) << 0;
-}
-
-void FrameTest::dragged() {
-    QFETCH(QString, button);
-    QFETCH(QString, handle);
-    QFETCH(QRect, start);
-    QFETCH(QPoint, delta);
-    QFETCH(int, screen);
-    WCapture column;
-    DrawingForm* frame = column.drawingForm();
-    ResizeWidget* grip = frame->resizeGrip();
-    TransparentLabel* marker = column.marker();
-    QVERIFY(QTest::qWaitForWindowExposed(&column));
-    QTRY_VERIFY(grip->isVisible());
-    QVERIFY(frame->size() == QSize(1280, 720) && column.windowTitle() == "Capture");
-    QCOMPARE(frame->findChild<QLineEdit*>("leHostPort")->placeholderText(), QString("HOST:PORT"));
-    QCOMPARE(frame->findChild<QLineEdit*>("leStreamId")->placeholderText(),
-             QString("Stream ID (optional)"));
-    if (!start.isNull()) {
-        frame->setGeometry(start);
-        emit frame->newSize();
-        frame->setFormMode(0);
-        QVERIFY(QTest::qWaitForWindowExposed(frame));
-    }
-    if (button.startsWith("cmd"))
-        QTest::mouseClick(column.findChild<QPushButton*>(button), Qt::LeftButton);
-    const QPoint columnAt = column.pos();
-    const QPoint gripAt = grip->pos();
-    // Each check of the marker puts it in the frame's corner.
-    const QPoint corner =
-        frame->geometry().bottomRight() - QPoint(4, 4) - QPoint(marker->width(), marker->height());
-    QVERIFY(handle == "marker" ? marker->isVisible() && marker->pos() == corner
-                               : !marker->isVisible());
-
-    QWidget* target = handle == "grip"     ? grip
-                      : handle == "marker" ? static_cast<QWidget*>(marker)
-                                           : &column;
-    const QPoint from =
-        handle == "column" ? column.findChild<QLabel*>("lblMove")->geometry().center() : QPoint();
-    // The column asks the window system where the pointer is as a drag begins.
-    QCursor::setPos(target->mapToGlobal(from));
-    QTRY_COMPARE(QCursor::pos(), target->mapToGlobal(from));
-    const bool press = button != "hover";
-    const auto send = [&](QEvent::Type type, Qt::MouseButton changed, Qt::MouseButtons held,
-                          QPoint at) {
-        QMouseEvent event(type, at, target->mapToGlobal(at), changed, held, Qt::NoModifier);
-        QCoreApplication::sendEvent(target, &event);
-    };
-    if (press)
-        send(QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton, from);
-    send(QEvent::MouseMove, Qt::NoButton, press ? Qt::LeftButton : Qt::NoButton, from + delta);
-    // While the column drags the frame the grip steps aside; while the grip resizes, the column
-    // does.
-    QVERIFY(!press || handle == "marker" || !button.isEmpty() ||
-            !(handle == "grip" ? column.isVisible() : grip->isVisible()));
-    if (press)
-        send(QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, from + delta);
-
-    // Wherever the frame went, the column stands against its right edge, bottoms level, and is
-    // shown; the capture takes the frame's inside; the grip sits at its corner (where a move that
-    // would make the frame too small left it), shown again unless a pinned column hid it.
-    QTEST(frame->size(), "frameSize");
-    const QRect area = frame->geometry();
-    QCOMPARE(column.pos(), QPoint(area.right() + 1, area.bottom() + 1 - column.height()));
-    QVERIFY(handle != "column" || column.pos() == columnAt + (button.isEmpty() ? delta : QPoint()));
-    QVERIFY(column.isVisible());
-    int index = -1;
-    QCOMPARE(column.captureRect.load(index),
-             area.adjusted(5, 5, -5, -5)
-                 .translated(-QGuiApplication::screens().at(screen)->geometry().topLeft()));
-    QCOMPARE(index, screen);
-    const auto grabbedCentre = [&column] {
-        const platform::GrabbedPicture* picture = column.grab();
-        if (!picture || picture->layout != platform::PixelLayout::Bgrx)
-            return QColor();
-        const uint8_t* pixel =
-            picture->data + picture->height / 2 * picture->stride + picture->width / 2 * 4;
-        return QColor(pixel[2], pixel[1], pixel[0]);
-    };
-    if (!start.isNull())
-        QTRY_COMPARE(grabbedCentre(), colours[screen]);
-    QTRY_COMPARE(grip->pos(), area.width() > 205 ? area.bottomRight() + QPoint(1, 1) : gripAt);
-    QTRY_COMPARE(grip->isVisible(), button != "cmdLock" || handle != "column");
-    if (handle == "marker") {
-        QTEST(marker->pos() - area.topLeft(), "markerAt");
-        // Each switch maps the frame again; the marker stays above it, where viewers see it.
-        for (int mode : {0, 2}) {
-            frame->setFormMode(mode);
-            QTRY_COMPARE(QGuiApplication::topLevelAt(marker->geometry().center()),
-                         marker->windowHandle());
+private slots:
+    void initTestCase() {
+        const QList<QScreen*> screens = QGuiApplication::screens();
+        QCOMPARE(screens.size(), 2);
+        QCOMPARE(screens.at(1)->geometry(), QRect(0, 0, 1280, 720));
+        for (int i = 0; i < 2; ++i) {
+            below[i].setGeometry(screens.at(i)->geometry());
+            below[i].setStyleSheet("background:" + colours[i].name());
+            below[i].show();
+            QVERIFY(QTest::qWaitForWindowExposed(&below[i]));
         }
     }
-    // Closing the column takes the frame and the grip along.
-    column.close();
-    QVERIFY(!frame->isVisible() && !grip->isVisible());
-}
+
+    void screenOfLeftEdge_data() {
+        QTest::addColumn<QList<QRect>>("screens");
+        QTest::addColumn<QPoint>("edgeTop");
+        QTest::addColumn<int>("index");
+        const QList<QRect> one{{0, 0, 1920, 1080}};
+        const QList<QRect> leftOfPrimary{{1280, 0, 1920, 1080}, {0, 0, 1280, 720}};
+        const QList<QRect> stacked{{0, 0, 1920, 1080}, {0, 1080, 1920, 1080}};
+        QTest::newRow("one screen, on it") << one << QPoint(300, 200) << 0;
+        QTest::newRow("primary first, on the left") << leftOfPrimary << QPoint(1279, 100) << 1;
+        QTest::newRow("below the left monitor") << leftOfPrimary << QPoint(100, 900) << 1;
+        QTest::newRow("left of both") << leftOfPrimary << QPoint(-50, 900) << 1;
+        QTest::newRow("stacked, on the lower") << stacked << QPoint(50, 1500) << 1;
+    }
+
+    void screenOfLeftEdge() {
+        QFETCH(QList<QRect>, screens);
+        QFETCH(QPoint, edgeTop);
+        QTEST(WCapture::screenOfLeftEdge(edgeTop, screens), "index");
+    }
+
+    void dragged_data() {
+        QTest::addColumn<QString>("button"); // clicked on the column first; "hover": no press
+        QTest::addColumn<QString>("handle");
+        QTest::addColumn<QRect>("start"); // null: where the column first puts the frame
+        QTest::addColumn<QPoint>("delta");
+        QTest::addColumn<QSize>("frameSize");
+        QTest::addColumn<int>("screen");      // that the capture ends on
+        QTest::addColumn<QPoint>("markerAt"); // in the frame
+        const auto row = [](const char* name, QString button, QString handle, QRect start,
+                            QPoint delta, QSize frameSize, int screen, QPoint markerAt = {}) {
+            QTest::newRow(name) << button << handle << start << delta << frameSize << screen
+                                << markerAt;
+        };
+        // The first place follows the first screen's size only: left of the left monitor's
+        // origin.
+        const QSize full(1280, 720);
+        row("column carries the frame", "", "column", {}, {-120, -70}, full, 1);
+        row("pinned column stays", "cmdLock", "column", {}, {-100, -100}, full, 1);
+        row("grip resizes", "", "grip", {}, {-300, -200}, {980, 520}, 1);
+        row("grip stops at the minimum", "", "grip", {}, {-1200, -700}, {205, 205}, 1);
+        row("pinned grip", "cmdLock", "grip", {}, {90, 40}, full, 1);
+        row("pointer passing over the grip", "hover", "grip", {}, {90, 40}, full, 1);
+        row("marker inside the frame", "cmdCursor", "marker", {}, {-5000, -5000}, full, 1, {0, 0});
+        row("marker 37 px from the far edges", "cmdCursor", "marker", {}, {5000, 5000}, full, 1,
+            {1280 - 37, 720 - 37});
+        // Live (frame transparent), released on another screen.
+        row("grip, left edge on the left monitor", "", "grip", {600, 100, 900, 500}, {-100, -60},
+            {800, 440}, 1);
+        row("column dragged to the left monitor", "", "column", {1500, 100, 700, 500}, {-1300, 50},
+            {700, 500}, 1);
+        row("column dragged to the primary", "", "column", {100, 100, 700, 500}, {1300, 50},
+            {700, 500}, 0);
+    }
+
+    void dragged() {
+        QFETCH(QString, button);
+        QFETCH(QString, handle);
+        QFETCH(QRect, start);
+        QFETCH(QPoint, delta);
+        QFETCH(int, screen);
+        WCapture column;
+        DrawingForm* frame = column.drawingForm();
+        ResizeWidget* grip = frame->resizeGrip();
+        TransparentLabel* marker = column.marker();
+        QVERIFY(QTest::qWaitForWindowExposed(&column));
+        QTRY_VERIFY(grip->isVisible());
+        if (!start.isNull()) {
+            frame->setGeometry(start);
+            emit frame->newSize();
+            frame->setFormMode(0);
+            QVERIFY(QTest::qWaitForWindowExposed(frame));
+        }
+        if (button.startsWith("cmd"))
+            QTest::mouseClick(column.findChild<QPushButton*>(button), Qt::LeftButton);
+        const QPoint columnAt = column.pos(), gripAt = grip->pos();
+        // Each check of the marker puts it in the frame's corner.
+        const QPoint corner = frame->geometry().bottomRight() - QPoint(4, 4) -
+                              QPoint(marker->width(), marker->height());
+        QVERIFY(handle == "marker" ? marker->isVisible() && marker->pos() == corner
+                                   : !marker->isVisible());
+
+        QWidget* target = handle == "grip"     ? grip
+                          : handle == "marker" ? static_cast<QWidget*>(marker)
+                                               : &column;
+        const QPoint from = handle == "column"
+                                ? column.findChild<QLabel*>("lblMove")->geometry().center()
+                                : QPoint();
+        // The column asks the window system where the pointer is as a drag begins.
+        QCursor::setPos(target->mapToGlobal(from));
+        QTRY_COMPARE(QCursor::pos(), target->mapToGlobal(from));
+        const bool press = button != "hover";
+        const auto send = [&](QEvent::Type type, Qt::MouseButton changed, Qt::MouseButtons held,
+                              QPoint at) {
+            QMouseEvent event(type, at, target->mapToGlobal(at), changed, held, Qt::NoModifier);
+            QCoreApplication::sendEvent(target, &event);
+        };
+        if (press)
+            send(QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton, from);
+        send(QEvent::MouseMove, Qt::NoButton, press ? Qt::LeftButton : Qt::NoButton, from + delta);
+        // While the column drags the frame the grip steps aside; while the grip resizes, the column
+        // does.
+        QVERIFY(!press || handle == "marker" || !button.isEmpty() ||
+                !(handle == "grip" ? column.isVisible() : grip->isVisible()));
+        if (press)
+            send(QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, from + delta);
+
+        // Wherever the frame went, the column stands against its right edge, bottoms level, and is
+        // shown; the capture takes the frame's inside; the grip sits at its corner (where a move
+        // that would make the frame too small left it), shown again unless a pinned column hid it.
+        QTEST(frame->size(), "frameSize");
+        const QRect area = frame->geometry();
+        QCOMPARE(column.pos(), QPoint(area.right() + 1, area.bottom() + 1 - column.height()));
+        QVERIFY(handle != "column" ||
+                column.pos() == columnAt + (button.isEmpty() ? delta : QPoint()));
+        QVERIFY(column.isVisible());
+        int index = -1;
+        QCOMPARE(column.captureRect.load(index),
+                 area.adjusted(5, 5, -5, -5)
+                     .translated(-QGuiApplication::screens().at(screen)->geometry().topLeft()));
+        QCOMPARE(index, screen);
+        const auto grabbedCentre = [&column] {
+            const platform::GrabbedPicture* picture = column.grab();
+            if (!picture || picture->layout != platform::PixelLayout::Bgrx)
+                return QColor();
+            const uint8_t* pixel =
+                picture->data + picture->height / 2 * picture->stride + picture->width / 2 * 4;
+            return QColor(pixel[2], pixel[1], pixel[0]);
+        };
+        if (!start.isNull())
+            QTRY_COMPARE(grabbedCentre(), colours[screen]);
+        QTRY_COMPARE(grip->pos(), area.width() > 205 ? area.bottomRight() + QPoint(1, 1) : gripAt);
+        QTRY_COMPARE(grip->isVisible(), button != "cmdLock" || handle != "column");
+        if (handle == "marker") {
+            QTEST(marker->pos() - area.topLeft(), "markerAt");
+            // Each switch maps the frame again; the marker stays above it, where viewers see it.
+            for (int mode : {0, 2}) {
+                frame->setFormMode(mode);
+                QTRY_COMPARE(QGuiApplication::topLevelAt(marker->geometry().center()),
+                             marker->windowHandle());
+            }
+        }
+        // Closing the column takes the frame and the grip along.
+        column.close();
+        QVERIFY(!frame->isVisible() && !grip->isVisible());
+    }
+};
 
 QTEST_MAIN(FrameTest)
 #include "tst_frame.moc"

@@ -45,51 +45,50 @@ class TestTickGenerator : public QObject {
     Q_OBJECT
 
 private slots:
-    void stopEndsTheRunAndFreesItsState_data();
-    void stopEndsTheRunAndFreesItsState();
-};
-
-void TestTickGenerator::stopEndsTheRunAndFreesItsState_data() {
-    QTest::addColumn<int>("periodMs");
-    QTest::addColumn<int>("stopAt");
-    QTest::addColumn<bool>("hold");
-    // The generator sees the stop while the tick still runs: the worker ends right after it.
-    QTest::newRow("stop seen during the tick") << 200 << 2 << true;
-    // The generator sleeps through the tick and sees the stop only when it wakes, a period
-    // later: by then the worker waits for a tick that never comes, and the generator keeps the
-    // state alive for it.
-    QTest::newRow("stop seen after the tick") << 300 << 0 << false;
-}
-
-void TestTickGenerator::stopEndsTheRunAndFreesItsState() {
-    QFETCH(int, periodMs);
-    QFETCH(int, stopAt);
-    QFETCH(bool, hold);
-    MessageCapture capture(true);
-    // A run whose threads are still stuck when the test fails is left to the process.
-    auto* run = new TickRun(periodMs, stopAt, hold);
-    // The generator has left its loop: no tick comes any more. The state may be gone as soon as
-    // the worker has ended, so it is only looked at while the worker lingers.
-    QTRY_VERIFY(!run->flags.runningFlag && (hold || run->state->stopRequested));
-    QCOMPARE(run->ticks.load(), stopAt + 1);
-    if (!hold) {
-        QVERIFY(!run->workerDone && !run->generatorDone && !capture.contains("before unlock"));
-        // A tick raised by hand lets the leftover worker finish; raised under the mutex, so that
-        // the state is not touched after the worker may have ended.
-        std::lock_guard<std::mutex> lock(run->state->mutex);
-        run->state->tickPending = true;
-        run->state->tickRaised.notify_one();
+    void stopEndsTheRunAndFreesItsState_data() {
+        QTest::addColumn<int>("periodMs");
+        QTest::addColumn<int>("stopAt");
+        QTest::addColumn<bool>("hold");
+        // The generator sees the stop while the tick still runs: the worker ends right after it.
+        QTest::newRow("stop seen during the tick") << 200 << 2 << true;
+        // The generator sleeps through the tick and sees the stop only when it wakes, a period
+        // later: by then the worker waits for a tick that never comes, and the generator keeps the
+        // state alive for it.
+        QTest::newRow("stop seen after the tick") << 300 << 0 << false;
     }
-    // The generator frees the state once the worker has ended.
-    QTRY_VERIFY(run->workerDone && run->generatorDone);
-    QCOMPARE(run->ticks.load(), stopAt + (hold ? 1 : 2));
-    const std::string log = capture.log();
-    QVERIFY(log.find("end unlock\nWorker::thread end  ", log.find("before unlock  ")) !=
-            std::string::npos);
-    run->worker.join();
-    run->generator.join();
-    delete run;
-}
+
+    void stopEndsTheRunAndFreesItsState() {
+        QFETCH(int, periodMs);
+        QFETCH(int, stopAt);
+        QFETCH(bool, hold);
+        MessageCapture capture;
+        // A run whose threads are still stuck when the test fails is left to the process.
+        auto* run = new TickRun(periodMs, stopAt, hold);
+        // The generator has left its loop: no tick comes any more. The state may be gone as soon as
+        // the worker has ended, so it is only looked at while the worker lingers.
+        QTRY_VERIFY(!run->flags.runningFlag && (hold || run->state->stopRequested));
+        QCOMPARE(run->ticks.load(), stopAt + 1);
+        if (!hold) {
+            QVERIFY(!run->workerDone && !run->generatorDone && !capture.contains("before unlock"));
+            // A tick raised by hand lets the leftover worker finish; raised under the mutex, so
+            // that the state is not touched after the worker may have ended.
+            std::lock_guard<std::mutex> lock(run->state->mutex);
+            run->state->tickPending = true;
+            run->state->tickRaised.notify_one();
+        }
+        // The generator frees the state once the worker has ended.
+        QTRY_VERIFY(run->workerDone && run->generatorDone);
+        QCOMPARE(run->ticks.load(), stopAt + (hold ? 1 : 2));
+        // The worker's last lines, in their order.
+        const QStringList said = capture.messages();
+        const int before = said.indexOf(QRegularExpression("before unlock .*"));
+        QVERIFY(before >= 0 && said.indexOf(QRegularExpression("end unlock\nWorker::thread end .*"),
+                                            before) > before);
+        run->worker.join();
+        run->generator.join();
+        delete run;
+    }
+};
 
 QTEST_GUILESS_MAIN(TestTickGenerator)
 #include "tst_tickgenerator.moc"

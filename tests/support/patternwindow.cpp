@@ -14,11 +14,11 @@ PatternWindow::PatternWindow(QRect area)
     lower();
 }
 
-void PatternWindow::paintEvent(QPaintEvent*) {
-    QPainter painter(this);
+void PatternWindow::paint(QPaintDevice* device) {
+    QPainter painter(device);
+    const double width = device->width() * 0.5, height = device->height() * 0.5;
     for (int quadrant = 0; quadrant < 4; ++quadrant)
-        painter.fillRect(QRectF(quadrant % 2 * 0.5 * width(), quadrant / 2 * 0.5 * height(),
-                                0.5 * width(), 0.5 * height()),
+        painter.fillRect(QRectF(quadrant % 2 * width, quadrant / 2 * height, width, height),
                          colours[quadrant]);
 }
 

@@ -14,10 +14,13 @@ public:
 
     explicit PatternWindow(QRect area);
 
+    // Paints the four quadrants over the whole of `device`.
+    static void paint(QPaintDevice* device);
+
     // Largest channel difference between the quadrants' colours and `picture` (of any size) at
     // the quadrants' centres and at their outer corners `inset` pixels in.
     static int worstError(const QImage& picture, int inset);
 
 protected:
-    void paintEvent(QPaintEvent*) override;
+    void paintEvent(QPaintEvent*) override { paint(this); }
 };

@@ -4,26 +4,20 @@
 #include <QJsonDocument>
 #include <QProcess>
 #include <QTemporaryFile>
-#include <algorithm>
 #include <arpa/inet.h>
+#include <chrono>
 #include <map>
 #include <netinet/in.h>
-
-SrtListener::~SrtListener() {
-    stop();
-    srt_cleanup();
-}
 
 bool SrtListener::start(uint16_t port, bool ipv6) {
     stop();
     sockaddr_in v4{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     sockaddr_in6 v6{AF_INET6, htons(port), 0, in6addr_loopback, 0};
     const SRTSOCKET listenSocket = srt_create_socket();
-    const int epoll = srt_epoll_create();
     const int live = SRTT_LIVE;
-    const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
     // Without time-stamp based delivery messages are recorded as they arrive: a receiver that
     // holds them back for its latency window loses what is still held when the caller closes.
+    // Neither accepting nor reading waits: the accepted sockets take the listener's mode.
     const bool no = false;
     if (srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &no, sizeof no) != 0 ||
@@ -32,13 +26,12 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
                                                 int(passphrase.size())) != 0) ||
         srt_bind(listenSocket, ipv6 ? (sockaddr*)&v6 : (sockaddr*)&v4,
                  ipv6 ? sizeof v6 : sizeof v4) ||
-        srt_listen(listenSocket, 4) != 0 || srt_epoll_add_usock(epoll, listenSocket, &events)) {
-        srt_epoll_release(epoll);
+        srt_listen(listenSocket, 4) != 0) {
         srt_close(listenSocket);
         return false;
     }
     stopping = false;
-    thread = std::thread(&SrtListener::run, this, listenSocket, epoll);
+    thread = std::thread(&SrtListener::run, this, listenSocket);
     return true;
 }
 
@@ -48,33 +41,22 @@ void SrtListener::stop() {
         thread.join();
 }
 
-void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
+void SrtListener::run(SRTSOCKET listenSocket) {
     std::map<SRTSOCKET, std::size_t> open; // accepted socket -> index in received
-    const int events = SRT_EPOLL_IN | SRT_EPOLL_ERR;
     // The last round, after the stop, closes whatever is still open.
-    for (bool last = false; !last;) {
+    for (bool last = false; !last; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
         last = stopping;
-        SRTSOCKET ready[8];
-        int count = 8;
-        sockaddr_storage peer{};
-        int peerLength = sizeof peer;
         // One caller accepted per round: the listener stays ready while more are waiting.
-        const SRTSOCKET accepted =
-            srt_epoll_wait(epoll, ready, &count, nullptr, nullptr, 50, 0, 0, 0, 0) > 0 &&
-                    std::find(ready, ready + count, listenSocket) != ready + count
-                ? srt_accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength)
-                : SRT_INVALID_SOCK;
+        const SRTSOCKET accepted = srt_accept(listenSocket, nullptr, nullptr);
         if (accepted != SRT_INVALID_SOCK) {
-            char streamId[600] = {};
+            char streamId[600];
             int idLength = sizeof streamId;
             srt_getsockflag(accepted, SRTO_STREAMID, streamId, &idLength);
-            srt_epoll_add_usock(epoll, accepted, &events);
             std::lock_guard<std::mutex> lock(mutex);
-            received.push_back({std::string(streamId, strnlen(streamId, idLength)), {}, false});
+            received.push_back({std::string(streamId, idLength), {}, false});
             open[accepted] = received.size() - 1;
         }
-        // Every open connection is read each round: one that closed before it was watched
-        // raises no event.
+        // Every open connection is read each round, until it is closed.
         for (auto connection = open.begin(); connection != open.end();) {
             char message[1500];
             int length;
@@ -92,7 +74,6 @@ void SrtListener::run(SRTSOCKET listenSocket, int epoll) {
             connection = open.erase(connection);
         }
     }
-    srt_epoll_release(epoll);
     srt_close(listenSocket);
 }
 

@@ -24,7 +24,10 @@ public:
     };
 
     SrtListener() { srt_startup(); }
-    ~SrtListener();
+    ~SrtListener() {
+        stop();
+        srt_cleanup();
+    }
 
     // Connections recorded before a stop stay; later ones are appended.
     bool start(uint16_t port, bool ipv6 = false);
@@ -46,7 +49,7 @@ public:
     QImage picture(std::size_t connection, int index) const;
 
 private:
-    void run(SRTSOCKET listenSocket, int epoll);
+    void run(SRTSOCKET listenSocket);
 
     mutable std::mutex mutex;
     std::vector<Connection> received;
