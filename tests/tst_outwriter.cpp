@@ -119,6 +119,18 @@ private slots:
                          arrived[0].toObject()["pts"].toVariant().toLongLong(),
                      i * 90000 / fps);
         }
+        // Every picture's PES states its length, so that a receiver hands it on at once instead
+        // of waiting for the next picture to start.
+        const QByteArray ts = listener.bytes(2);
+        int pictures = 0, unsized = 0;
+        for (int at = 0; at + 188 <= ts.size(); at += 188) {
+            const int payload = at + 4 + (ts[at + 3] & 0x20 ? 1 + uchar(ts[at + 4]) : 0);
+            if (!(ts[at + 1] & 0x40) || ts.mid(payload, 4) != QByteArray("\0\0\1\xe0", 4))
+                continue;
+            ++pictures;
+            unsized += ts.mid(payload + 4, 2) == QByteArray(2, '\0');
+        }
+        QVERIFY(unsized == 0 && pictures >= arrived.size());
         // The picture as written, padding left out, in its colours.
         for (int i : {0, fps / 2, int(arrived.size()) - 1}) {
             const QImage decoded = listener.picture(2, i);
