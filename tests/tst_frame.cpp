@@ -65,9 +65,7 @@ private slots:
         // The first place follows the first screen's size only: left of the left monitor's
         // origin.
         const QSize full(1280, 720);
-        row("column carries the frame", "", "column", {}, {-120, -70}, full, 1);
         row("pinned column stays", "cmdLock", "column", {}, {-100, -100}, full, 1);
-        row("grip resizes", "", "grip", {}, {-300, -200}, {980, 520}, 1);
         row("grip stops at the minimum", "", "grip", {}, {-1200, -700}, {205, 205}, 1);
         row("pinned grip", "cmdLock", "grip", {}, {90, 40}, full, 1);
         row("pointer passing over the grip", "hover", "grip", {}, {90, 40}, full, 1);
