@@ -7,27 +7,26 @@
 namespace {
 
 // One live run as the capture streamer makes it: a fresh state, the worker started before the
-// generator. The handler stops the run from inside tick `stopAt`, and when `hold` is set keeps
-// that tick until the generator has left its loop.
+// generator. The handler stops the run from inside the first tick, and when `hold` is set keeps
+// that tick until the generator has left its loop. The period only has to outlast a tick.
 struct TickRun final : ITickHandler {
-    TickRun(int periodMs, int stopAt, bool hold)
-        : stopAt(stopAt), hold(hold), worker([this] {
+    explicit TickRun(bool hold)
+        : hold(hold), worker([this] {
               tickWorkerThread(state, this);
               workerDone = true;
           }),
-          generator([this, periodMs] {
-              tickGeneratorThread(&flags, state, periodMs);
+          generator([this] {
+              tickGeneratorThread(&flags, state, 300);
               generatorDone = true;
           }) {}
 
     void onTick(int64_t) override {
-        if (ticks++ == stopAt)
+        if (ticks++ == 0)
             flags.stopFlag = true;
         while (hold && flags.stopFlag && !state->stopRequested)
             std::this_thread::yield();
     }
 
-    const int stopAt;
     const bool hold;
     TickFlags flags;
     const bool running = flags.runningFlag = true; // before the threads start
@@ -46,28 +45,24 @@ class TestTickGenerator : public QObject {
 
 private slots:
     void stopEndsTheRunAndFreesItsState_data() {
-        QTest::addColumn<int>("periodMs");
-        QTest::addColumn<int>("stopAt");
         QTest::addColumn<bool>("hold");
         // The generator sees the stop while the tick still runs: the worker ends right after it.
-        QTest::newRow("stop seen during the tick") << 200 << 2 << true;
+        QTest::newRow("stop seen during the tick") << true;
         // The generator sleeps through the tick and sees the stop only when it wakes, a period
         // later: by then the worker waits for a tick that never comes, and the generator keeps the
         // state alive for it.
-        QTest::newRow("stop seen after the tick") << 300 << 0 << false;
+        QTest::newRow("stop seen after the tick") << false;
     }
 
     void stopEndsTheRunAndFreesItsState() {
-        QFETCH(int, periodMs);
-        QFETCH(int, stopAt);
         QFETCH(bool, hold);
         MessageCapture capture;
         // A run whose threads are still stuck when the test fails is left to the process.
-        auto* run = new TickRun(periodMs, stopAt, hold);
+        auto* run = new TickRun(hold);
         // The generator has left its loop: no tick comes any more. The state may be gone as soon as
         // the worker has ended, so it is only looked at while the worker lingers.
         QTRY_VERIFY(!run->flags.runningFlag && (hold || run->state->stopRequested));
-        QCOMPARE(run->ticks.load(), stopAt + 1);
+        QCOMPARE(run->ticks.load(), 1);
         if (!hold) {
             QVERIFY(!run->workerDone && !run->generatorDone && !capture.contains("before unlock"));
             // A tick raised by hand lets the leftover worker finish; raised under the mutex, so
@@ -78,7 +73,7 @@ private slots:
         }
         // The generator frees the state once the worker has ended.
         QTRY_VERIFY(run->workerDone && run->generatorDone);
-        QCOMPARE(run->ticks.load(), stopAt + (hold ? 1 : 2));
+        QCOMPARE(run->ticks.load(), hold ? 1 : 2);
         // The worker's last lines, in their order.
         const QStringList said = capture.messages();
         const int before = said.indexOf(QRegularExpression("before unlock .*"));
