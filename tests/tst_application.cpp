@@ -114,7 +114,8 @@ private slots:
             return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
         };
         if (streams) {
-            QTRY_VERIFY_WITH_TIMEOUT(listener.probe(0)["frames"].toArray().size() >= 25, 30000);
+            QTRY_VERIFY_WITH_TIMEOUT(
+                listener.probe(listener.bytes(0))["frames"].toArray().size() >= 25, 30000);
             clickAt(liveButton);
             QTRY_VERIFY(listener.connections()[0].closed);
         } else {

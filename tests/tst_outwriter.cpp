@@ -102,7 +102,7 @@ private slots:
               "OUTWriter got unexpected frame size:  200 x 100"})
             QVERIFY2(capture.contains(line), line);
 
-        const QJsonObject probe = listener.probe(2);
+        const QJsonObject probe = listener.probe(listener.bytes(2));
         QCOMPARE(listener.video(2), QString("h264 400x224 %1/1").arg(fps));
         QCOMPARE(probe["streams"].toArray()[0].toObject()["has_b_frames"].toInt(), 0);
         // Frames arrive in order, time-stamped one frame period apart, with a key frame at least

@@ -109,13 +109,13 @@ QByteArray runTool(const QByteArray& payload, const QString& program, QStringLis
 
 } // namespace
 
-QJsonObject SrtListener::probe(std::size_t connection) const {
+QJsonObject SrtListener::probe(const QByteArray& payload) {
     const QStringList show{"-v", "error", "-show_streams", "-show_frames", "-of", "json", "IN"};
-    return QJsonDocument::fromJson(runTool(bytes(connection), "ffprobe", show)).object();
+    return QJsonDocument::fromJson(runTool(payload, "ffprobe", show)).object();
 }
 
 QString SrtListener::video(std::size_t connection) const {
-    const QJsonArray streams = probe(connection)["streams"].toArray();
+    const QJsonArray streams = probe(bytes(connection))["streams"].toArray();
     const QJsonObject video = streams[0].toObject();
     return streams.size() != 1 ? QString()
                                : QString("%1 %2x%3 %4")

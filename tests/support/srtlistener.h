@@ -40,8 +40,8 @@ public:
     std::size_t connectionCount() const { return connections().size(); }
     // The payload of one connection, messages joined in order of arrival.
     QByteArray bytes(std::size_t connection) const;
-    // ffprobe's "streams" and "frames" of one connection's payload; empty on failure.
-    QJsonObject probe(std::size_t connection) const;
+    // ffprobe's "streams" and "frames" of a payload; empty on failure.
+    static QJsonObject probe(const QByteArray& payload);
     // The one video stream's codec, size and rate, as in "h264 1920x1080 25/1"; empty unless
     // exactly one stream arrived.
     QString video(std::size_t connection) const;
