@@ -336,6 +336,9 @@ bool OUTWriter::encodeFrame(const uint8_t* data, int stride, int64_t pts) {
         return false;
     }
     scaler.scale(data, stride, frame);
+    // Back after an outage, the stream starts again with a key frame, which the muxer precedes
+    // with its tables: the server's viewers see a picture at once, not at the next key frame.
+    frame->pict_type = connection.resumed() ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     frame->pts = pts;
     lastPts = pts;
     ++frameIndex;

@@ -180,7 +180,7 @@ bool SrtConnection::sendAll(const uint8_t* data, std::size_t size, std::string& 
 }
 
 bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& errorText) {
-    if (reconnecting && !reconnectFinished())
+    if (reconnecting)
         return true;
     if (socket != SRT_INVALID_SOCK) {
         if (data && size != 0 && !sendAll(data, size, errorText)) {
@@ -197,8 +197,8 @@ bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& err
         return true;
     if (retryAt == 0)
         closeAndScheduleReconnect();
-    // The chunk that starts a reconnect is dropped, and so is every chunk until the handshake
-    // has ended: the stream resumes cleanly with the first chunk after it.
+    // The chunk that starts a reconnect is dropped, and so is every chunk until resumed() has
+    // found the handshake ended: the stream resumes cleanly with the next picture.
     if (steadyNanoseconds() >= retryAt) {
         ++attempts;
         startReconnect();

@@ -38,8 +38,10 @@ public:
     // From here until the next connect(), send() never reconnects: a stream that is ending
     // has nothing left worth a new connection.
     void stopReconnecting() { reconnects = false; }
-    // True while chunks handed to send() go out (not while a reconnect is still under way).
-    bool isOpen() const { return socket != SRT_INVALID_SOCK && !reconnecting; }
+    // True once a reconnect's handshake has connected. Only this ends a reconnect, and sends
+    // drop their chunks until it has: the writer asks before each picture, so that the stream
+    // can start again with a picture that needs none before it.
+    bool resumed() { return reconnecting && reconnectFinished(); }
     LinkStats& linkStats() { return stats; }
     const LinkStats& linkStats() const { return stats; }
 
