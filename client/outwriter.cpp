@@ -9,12 +9,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/mem.h>
 #include <libavutil/opt.h>
-#include <libavutil/pixdesc.h>
 #include <libswscale/swscale.h>
 }
-
-#include <algorithm>
-#include <cctype>
 
 namespace {
 
@@ -29,31 +25,6 @@ std::string errorText(int code) {
     char text[64] = {};
     av_strerror(code, text, sizeof text);
     return text;
-}
-
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-const char* pixelFormatName(AVPixelFormat format) {
-    const char* name = av_get_pix_fmt_name(format);
-    return name ? name : "unknown";
-}
-
-// The pixel formats an encoder publishes, or null when it publishes none.
-const AVPixelFormat* publishedPixelFormats(const AVCodec* encoder) {
-#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
-    const void* formats = nullptr;
-    int count = 0;
-    if (avcodec_get_supported_config(nullptr, encoder, AV_CODEC_CONFIG_PIX_FORMAT, 0, &formats,
-                                     &count) < 0)
-        return nullptr;
-    return static_cast<const AVPixelFormat*>(formats);
-#else
-    return encoder->pix_fmts;
-#endif
 }
 
 struct EncoderConfig {
@@ -74,14 +45,6 @@ EncoderConfig configuredEncoder() {
 }
 
 } // namespace
-
-EncoderCandidate encoderCandidateFor(const std::string& encoderName) {
-    const std::string name = lowerCase(encoderName);
-    for (const EncoderCandidate& candidate : EncoderCandidates)
-        if (name == candidate.name)
-            return candidate;
-    return {nullptr, AV_PIX_FMT_YUV420P, "default"};
-}
 
 OUTWriter::OUTWriter() = default;
 
@@ -189,33 +152,10 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     height = newHeight;
     const EncoderConfig config = configuredEncoder();
 
-    const AVCodec* encoder = avcodec_find_encoder_by_name(config.codec.c_str());
-    if (!encoder) {
-        logLine("OUTWriter requested encoder not found: ", config.codec,
-                ". Falling back to AV_CODEC_ID_H264");
-        encoder = avcodec_find_encoder(AV_CODEC_ID_H264);
-        if (!encoder) {
-            logLine("OUTWriter failed to find H.264 encoder");
-            return false;
-        }
-    }
-    const std::string name = encoder->name ? encoder->name : "";
-    const EncoderCandidate candidate = encoderCandidateFor(name);
-    logLine("OUTWriter requested encoder: ", config.codec, ", selected encoder: ", name, " (",
-            encoder->long_name ? encoder->long_name : "", ")", ", profile: ", candidate.label);
-
-    if (const AVPixelFormat* formats = publishedPixelFormats(encoder)) {
-        bool supported = false;
-        for (; *formats != AV_PIX_FMT_NONE && !supported; ++formats)
-            supported = *formats == candidate.pixelFormat;
-        if (!supported) {
-            logLine("OUTWriter selected encoder does not report pixel format support: ", name,
-                    " pix_fmt=", pixelFormatName(candidate.pixelFormat));
-            return false;
-        }
-    }
-    logLine("OUTWriter selected pixel format: ", pixelFormatName(candidate.pixelFormat));
-
+    EncoderCandidate candidate{};
+    const AVCodec* encoder = chooseEncoder(config.codec, candidate);
+    if (!encoder)
+        return false;
     codec = avcodec_alloc_context3(encoder);
     if (!codec) {
         logLine("OUTWriter failed to allocate codec context");
@@ -242,7 +182,7 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     codec->color_range = AVCOL_RANGE_MPEG;
     if (output && output->oformat && (output->oformat->flags & AVFMT_GLOBALHEADER))
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    setEncoderOptions(codec, name);
+    setEncoderOptions(codec, encoder->name ? encoder->name : "");
 
     const int opened = avcodec_open2(codec, encoder, nullptr);
     if (opened < 0) {

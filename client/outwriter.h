@@ -1,5 +1,6 @@
 #pragma once
 
+#include "encodercandidate.h"
 #include "picturescaler.h"
 #include "srtconnection.h"
 #include "streamparams.h"
@@ -18,27 +19,6 @@ struct AVFrame;
 struct AVIOContext;
 struct AVPacket;
 struct AVStream;
-
-// What the writer knows about an encoder it may be given: the pixel format to feed it and
-// the label it goes by in the log.
-struct EncoderCandidate {
-    const char* name;
-    AVPixelFormat pixelFormat;
-    const char* label;
-};
-
-// The encoders with known needs; any other gets planar YUV 4:2:0, the label "default" and the
-// low-latency "preset"/"tune" options.
-inline constexpr EncoderCandidate EncoderCandidates[] = {
-    {"libopenh264", AV_PIX_FMT_YUV420P, "libopenh264"},
-    {"h264_qsv", AV_PIX_FMT_NV12, "h264_qsv"},
-    {"h264_amf", AV_PIX_FMT_NV12, "h264_amf"},
-    {"h264_nvenc", AV_PIX_FMT_NV12, "h264_nvenc"},
-};
-
-// The table entry for an encoder name (lower-cased, compared exactly); a null name means the
-// encoder is not in the table.
-EncoderCandidate encoderCandidateFor(const std::string& encoderName);
 
 // The sink of the capture pipeline: packed RGB24 frames or grabbed pictures in, H.264 in
 // MPEG-TS out over SRT, its colours tagged and converted as BT.709 limited range.
