@@ -18,6 +18,11 @@ std::string lowerCase(std::string text) {
     return text;
 }
 
+const char* pixelFormatName(AVPixelFormat format) {
+    const char* name = av_get_pix_fmt_name(format);
+    return name ? name : "unknown";
+}
+
 // The pixel formats an encoder publishes, or null when it publishes none.
 const AVPixelFormat* publishedPixelFormats(const AVCodec* encoder) {
 #if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(61, 13, 100)
@@ -70,9 +75,4 @@ const AVCodec* chooseEncoder(const std::string& requested, EncoderCandidate& can
     }
     logLine("OUTWriter selected pixel format: ", pixelFormatName(candidate.pixelFormat));
     return encoder;
-}
-
-const char* pixelFormatName(AVPixelFormat format) {
-    const char* name = av_get_pix_fmt_name(format);
-    return name ? name : "unknown";
 }

@@ -33,6 +33,3 @@ EncoderCandidate encoderCandidateFor(const std::string& encoderName);
 // not found, with its table entry in `candidate`. Null, with the reason in the log, where none
 // is found or the encoder does not take the candidate's pixel format.
 const AVCodec* chooseEncoder(const std::string& requested, EncoderCandidate& candidate);
-
-// FFmpeg's name of a pixel format, "unknown" where it has none.
-const char* pixelFormatName(AVPixelFormat format);
