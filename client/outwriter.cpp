@@ -182,7 +182,7 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     codec->color_range = AVCOL_RANGE_MPEG;
     if (output && output->oformat && (output->oformat->flags & AVFMT_GLOBALHEADER))
         codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    setEncoderOptions(codec, encoder->name ? encoder->name : "");
+    setEncoderOptions(codec, candidate);
 
     const int opened = avcodec_open2(codec, encoder, nullptr);
     if (opened < 0) {
@@ -217,8 +217,8 @@ bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceH
     return false;
 }
 
-void OUTWriter::setEncoderOptions(AVCodecContext* context, const std::string& encoderName) {
-    if (encoderCandidateFor(encoderName).name)
+void OUTWriter::setEncoderOptions(AVCodecContext* context, const EncoderCandidate& candidate) {
+    if (candidate.name)
         return;
     // Encoders without these options refuse them, which is fine: they are only a latency hint.
     av_opt_set(context->priv_data, "preset", "veryfast", 0);

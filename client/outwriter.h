@@ -52,7 +52,7 @@ public:
 private:
     bool openStream(int newWidth, int newHeight);
     bool initEncoder(int newWidth, int newHeight);
-    static void setEncoderOptions(AVCodecContext* context, const std::string& encoderName);
+    static void setEncoderOptions(AVCodecContext* context, const EncoderCandidate& candidate);
     bool initOutput();
     bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
     bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
