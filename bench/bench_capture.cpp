@@ -173,6 +173,13 @@ void run(int seconds, int latencyMs) {
         printRatio("latency p95", percentile(la.latency, 0.95), percentile(lb.latency, 0.95),
                    percentile(lc.latency, 0.95));
     }
+    // The CPU figures compare the senders' own work only if the encoder does the same in each.
+    const bool sameEncoder = !c.encoder.empty() && a.encoder == c.encoder && b.encoder == c.encoder;
+    std::printf("libx264 settings written into the streams: %s\n  %s\n",
+                sameEncoder ? "the same for all three" : "DIFFERENT", c.encoder.c_str());
+    for (const Measurement* m : {&a, &b})
+        if (!sameEncoder)
+            std::printf("  %s\n", m->encoder.c_str());
     std::printf("ffmpeg command: ffmpeg %s\n",
                 qPrintable(ffmpeg.arguments(0, latencyMs).join(' ').replace(":0?", ":PORT?")));
     std::fflush(stdout);

@@ -5,7 +5,8 @@
 // draws under the frame.
 //
 // Usage: bench_receiver PORT LATENCY_MS count|decode
-// Prints "listening" once bound, then one line per video frame:
+// Prints "listening" once bound, "encoder OPTIONS" once where the stream names libx264's
+// settings, then one line per video frame:
 //   frame ARRIVAL_US PTS_US LATENCY_MS
 // ARRIVAL_US on CLOCK_MONOTONIC; PTS_US the stream's time stamp; LATENCY_MS the clock read
 // from the picture subtracted from now, "-" in count mode or where the clock is unreadable.
@@ -29,6 +30,7 @@ extern "C" {
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -97,6 +99,20 @@ void report(long long ptsUs, const AVFrame* picture) {
     std::fflush(stdout);
 }
 
+// libx264 writes its settings as text into the first picture: "x264 - core ... options: ...".
+void reportEncoder(const AVPacket* packet, bool& reported) {
+    const std::string_view bytes(reinterpret_cast<const char*>(packet->data),
+                                 static_cast<std::size_t>(packet->size));
+    const std::size_t core = reported ? bytes.npos : bytes.find("x264 - core ");
+    const std::size_t options = bytes.find(" options: ", core);
+    if (core == bytes.npos || options == bytes.npos)
+        return;
+    reported = true;
+    const std::string_view text = bytes.substr(options + 10);
+    std::printf("encoder %s\n", std::string(text.substr(0, text.find('\0'))).c_str());
+    std::fflush(stdout);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -136,12 +152,14 @@ int main(int argc, char** argv) {
     }
     AVPacket* packet = av_packet_alloc();
     AVFrame* picture = av_frame_alloc();
+    bool encoderReported = false;
     while (av_read_frame(format, packet) >= 0) {
         const AVStream* stream = format->streams[packet->stream_index];
         if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
             av_packet_unref(packet);
             continue;
         }
+        reportEncoder(packet, encoderReported);
         if (!decode) {
             report(micros(packet->pts, stream->time_base), nullptr);
         } else if (avcodec_send_packet(codec, packet) >= 0) {

@@ -48,6 +48,7 @@ public:
 
     bool listening = false;
     bool ended = false;
+    std::string encoder;
     std::vector<Arrival> arrivals;
 
 private:
@@ -58,6 +59,8 @@ private:
                 listening = true;
             else if (line == "end")
                 ended = true;
+            else if (line.rfind("encoder ", 0) == 0)
+                encoder = line.substr(8);
             else if (line.rfind("frame ", 0) == 0)
                 arrivals.push_back(parse(line));
         }
@@ -133,6 +136,7 @@ Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decod
         const ProcessSample end = sampleProcess(sender.pid());
 
         summarise(result, output.arrivals, from, to);
+        result.encoder = output.encoder;
         result.residentMb[0] = start.residentMb;
         result.residentMb[1] = middle.residentMb;
         result.residentMb[2] = end.residentMb;

@@ -17,6 +17,7 @@ struct Measurement {
     double clockPerWall = 0;     // span of the frames' time stamps over the span of arrivals
     std::vector<double> latency; // milliseconds, one per picture whose clock was readable
     int unreadable = 0;
+    std::string encoder; // libx264's settings as written into the stream; empty if none
 
     double framesPerSecond() const { return seconds > 0 ? frames / seconds : 0; }
 };
