@@ -28,37 +28,49 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace {
 
-// Nanoseconds the calling thread has spent waiting for a processor (Linux scheduler counters).
-long long runQueueWaitNs() {
+// Nanoseconds the calling thread has run on a processor and waited for one (Linux scheduler
+// counters).
+struct SchedStat {
     long long ran = 0;
     long long waited = 0;
+};
+
+SchedStat schedStat() {
+    SchedStat stat;
     if (FILE* stats = std::fopen("/proc/thread-self/schedstat", "r")) {
-        if (std::fscanf(stats, "%lld %lld", &ran, &waited) != 2)
-            waited = 0;
+        if (std::fscanf(stats, "%lld %lld", &stat.ran, &stat.waited) != 2)
+            stat = {};
         std::fclose(stats);
     }
-    return waited;
+    return stat;
 }
 
 // The interface thread's longest gap between two beats since the last reset, and its longest
 // wait not spent queuing for a processor: on a loaded machine the first includes time the
-// scheduler gave to other threads, the second is what the thread itself was held by.
+// scheduler gave to other threads, the second is what the thread itself was held by. That hold
+// is split into time on a processor (work of its own, or a processor the hypervisor took away)
+// and time off it, blocked (a lock or a call that waits).
 class Heartbeat {
 public:
     Heartbeat() {
         QObject::connect(&timer, &QTimer::timeout, [this] {
             const qint64 gap = clock.restart();
-            const long long waited = runQueueWaitNs();
-            const qint64 held = gap - (waited - lastWaited) / 1000000;
-            lastWaited = waited;
+            const SchedStat now = schedStat();
+            const qint64 held = gap - (now.waited - last.waited) / 1000000;
+            const qint64 ran = (now.ran - last.ran) / 1000000;
+            last = now;
             if (gap > longest) {
                 longest = gap;
                 longestAt = since.elapsed();
             }
-            longestHeld = std::max(longestHeld, held);
+            if (held > longestHeld) {
+                longestHeld = held;
+                longestHeldRan = ran;
+            }
         });
         clock.start();
         since.start();
@@ -67,22 +79,27 @@ public:
     void reset() {
         clock.restart();
         since.restart();
-        lastWaited = runQueueWaitNs();
-        longest = longestHeld = 0;
+        last = schedStat();
+        longest = longestHeld = longestHeldRan = 0;
     }
     qint64 longestMs() const { return longest; }
     // When the longest gap ended, in milliseconds since the last reset.
     qint64 longestAtMs() const { return longestAt; }
-    qint64 longestHeldMs() const { return longestHeld; }
+    // The longest hold, and how much of it the thread spent on a processor.
+    std::string held() const {
+        return std::to_string(longestHeld) + " ms (" + std::to_string(longestHeldRan) +
+               " on a processor, " + std::to_string(longestHeld - longestHeldRan) + " blocked)";
+    }
 
 private:
     QTimer timer;
     QElapsedTimer clock;
     QElapsedTimer since;
-    long long lastWaited = runQueueWaitNs();
+    SchedStat last = schedStat();
     qint64 longest = 0;
     qint64 longestAt = 0;
     qint64 longestHeld = 0;
+    qint64 longestHeldRan = 0;
 };
 
 // srt-live-transmit listening on the port, writing what arrives into a file.
@@ -109,8 +126,17 @@ qint64 runUntil(const std::function<bool()>& done, int timeoutMs) {
     QElapsedTimer elapsed;
     elapsed.start();
     const QDeadlineTimer deadline(timeoutMs);
-    while (!done() && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    // Asleep in the event loop between looks: a busy loop would keep the interface thread on a
+    // processor and take it from the program's own threads.
+    QEventLoop loop;
+    QTimer look;
+    QObject::connect(&look, &QTimer::timeout, [&] {
+        if (done() || deadline.hasExpired())
+            loop.quit();
+    });
+    look.start(5);
+    if (!done())
+        loop.exec();
     return elapsed.elapsed();
 }
 
@@ -159,7 +185,7 @@ int main(int argc, char** argv) {
     runUntil([] { return false; }, seconds * 1000 - 200);
     const qint64 outageWait = heartbeat.longestMs();
     const qint64 outageWaitAt = heartbeat.longestAtMs();
-    const qint64 outageHeld = heartbeat.longestHeldMs();
+    const std::string outageHeld = heartbeat.held();
 
     const QString second = home.filePath("second.ts");
     server = startServer(port, second);
@@ -177,18 +203,18 @@ int main(int argc, char** argv) {
     runUntil([] { return false; }, 100);
 
     std::printf("outage of %d s, stream live throughout: longest interface-thread gap %lld ms "
-                "(ending %.1f s into the outage); longest wait not queuing for a CPU %lld ms\n",
+                "(ending %.1f s into the outage); longest wait not queuing for a CPU %s\n",
                 seconds, static_cast<long long>(outageWait), outageWaitAt / 1000.0,
-                static_cast<long long>(outageHeld));
+                outageHeld.c_str());
     if (resumed)
         std::printf("server back: stream received again %lld ms after the server started\n",
                     static_cast<long long>(back));
     else
         std::printf("server back: stream NOT received within 30 s\n");
     std::printf("live off during a reconnect attempt: click %lld ms, longest gap %lld ms, "
-                "longest wait not queuing for a CPU %lld ms\n",
+                "longest wait not queuing for a CPU %s\n",
                 static_cast<long long>(offMs), static_cast<long long>(heartbeat.longestMs()),
-                static_cast<long long>(heartbeat.longestHeldMs()));
+                heartbeat.held().c_str());
     std::fflush(stdout);
     // The tick threads of the stopped run may linger; end without waiting for them.
     std::_Exit(resumed ? 0 : 1);
