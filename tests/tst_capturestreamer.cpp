@@ -6,6 +6,7 @@
 #include "support/messagecapture.h"
 #include "support/patternwindow.h"
 #include "support/srtlistener.h"
+#include "tick_generator.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -14,6 +15,7 @@
 #include <QtTest>
 #include <algorithm>
 #include <cstdio>
+#include <future>
 #include <memory>
 #include <unistd.h>
 
@@ -34,6 +36,30 @@ WCapture* findCapture() {
 bool shows(const QPushButton* button, const char* icon) {
     return button->icon().pixmap(32).toImage() == QIcon(icon).pixmap(32).toImage();
 }
+
+// One live run's tick threads as the streamer starts them. The handler asks for the stop from
+// inside the first tick and, when `hold` is set, keeps that tick until the generator has left its
+// loop. The period only has to outlast a tick.
+struct TickRun final : ITickHandler {
+    explicit TickRun(bool hold) : hold(hold) {}
+    void onTick(int64_t) override {
+        flags.stopFlag = true;
+        for (++ticks; hold && !state->stopRequested;)
+            std::this_thread::yield();
+    }
+    bool ended(const std::future<void>& thread) const {
+        return thread.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }
+
+    const bool hold;
+    TickFlags flags;
+    const bool running = flags.runningFlag = true; // before the threads start
+    TickState* state = new TickState;
+    std::atomic<int> ticks{0};
+    std::future<void> worker = std::async(std::launch::async, tickWorkerThread, state, this);
+    std::future<void> generator =
+        std::async(std::launch::async, tickGeneratorThread, &flags, state, 300);
+};
 
 } // namespace
 
@@ -314,6 +340,37 @@ private slots:
         const auto others =
             QFile::ReadGroup | QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther;
         QVERIFY(!(QFile::permissions(globalState->settings()->fileName()) & others));
+    }
+
+    // The generator sees the stop while the tick still runs, and the worker ends right after it;
+    // or the generator sleeps through the tick and sees the stop a period later, when the worker
+    // already waits for a tick that never comes: the generator keeps the state alive for it.
+    void stoppedTickThreadsEndAndFreeTheirState() {
+        for (const bool hold : {true, false}) {
+            MessageCapture log;
+            // A run whose threads are still stuck when the test fails is left to the process.
+            auto* tickRun = new TickRun(hold);
+            // The state may be gone as soon as the worker has ended: looked at only while it
+            // lingers.
+            QTRY_VERIFY(!tickRun->flags.runningFlag && (hold || tickRun->state->stopRequested));
+            if (!hold) {
+                QVERIFY(!tickRun->ended(tickRun->worker) && !tickRun->ended(tickRun->generator) &&
+                        !log.contains("before unlock"));
+                // A tick raised by hand lets the leftover worker finish; under the mutex, so that
+                // the state is not touched after the worker may have ended.
+                std::lock_guard<std::mutex> lock(tickRun->state->mutex);
+                tickRun->state->tickPending = true;
+                tickRun->state->tickRaised.notify_one();
+            }
+            // The generator frees the state once the worker has ended.
+            QTRY_VERIFY(tickRun->ended(tickRun->worker) && tickRun->ended(tickRun->generator));
+            QCOMPARE(tickRun->ticks.load(), hold ? 1 : 2);
+            // The worker's last lines, in their order.
+            const QString said = log.messages().join('\n');
+            const int before = said.indexOf("before unlock ");
+            QVERIFY(before >= 0 && said.indexOf("end unlock\nWorker::thread end ") > before);
+            delete tickRun;
+        }
     }
 
     void liveSwitchedOnAndOffWhileFramesFlow() {
