@@ -31,22 +31,15 @@ private slots:
         }
     }
 
-    void screenOfLeftEdge_data() {
-        QTest::addColumn<QList<QRect>>("screens");
-        QTest::addColumn<QPoint>("edgeTop");
-        QTest::addColumn<int>("index");
-        const QList<QRect> leftOfPrimary{{1280, 0, 1920, 1080}, {0, 0, 1280, 720}};
-        const QList<QRect> stacked{{0, 0, 1920, 1080}, {0, 1080, 1920, 1080}};
-        QTest::newRow("primary first, on the left") << leftOfPrimary << QPoint(1279, 100) << 1;
-        QTest::newRow("below the left monitor") << leftOfPrimary << QPoint(100, 900) << 1;
-        QTest::newRow("left of both") << leftOfPrimary << QPoint(-50, 900) << 1;
-        QTest::newRow("stacked, on the lower") << stacked << QPoint(50, 1500) << 1;
-    }
-
+    // The screen that takes the capture: the one the frame's left edge lies on, or else the
+    // nearest. Primary first with a monitor on its left; on the left one, below it, left of both.
     void screenOfLeftEdge() {
-        QFETCH(QList<QRect>, screens);
-        QFETCH(QPoint, edgeTop);
-        QTEST(WCapture::screenOfLeftEdge(edgeTop, screens), "index");
+        const QList<QRect> leftOfPrimary{{1280, 0, 1920, 1080}, {0, 0, 1280, 720}};
+        for (const QPoint edgeTop : {QPoint(1279, 100), QPoint(100, 900), QPoint(-50, 900)})
+            QVERIFY2(WCapture::screenOfLeftEdge(edgeTop, leftOfPrimary) == 1,
+                     qPrintable(QString("%1,%2").arg(edgeTop.x()).arg(edgeTop.y())));
+        const QList<QRect> stacked{{0, 0, 1920, 1080}, {0, 1080, 1920, 1080}};
+        QCOMPARE(WCapture::screenOfLeftEdge(QPoint(50, 1500), stacked), 1);
     }
 
     void dragged_data() {

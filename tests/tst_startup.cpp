@@ -238,9 +238,8 @@ int main(int argc, char** argv) {
         Overflow handler;
         TickFlags flags;
         auto* state = new TickState;
-        std::thread worker(tickWorkerThread, state, &handler);
         std::thread(tickGeneratorThread, &flags, state, 40).detach();
-        worker.join();
+        std::thread(tickWorkerThread, state, &handler).join();
     }
     QCoreApplication application(argc, argv);
     StartupTest test;
