@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <future>
 #include <memory>
+#include <thread>
 #include <unistd.h>
 
 namespace {
