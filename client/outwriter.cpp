@@ -53,7 +53,7 @@ OUTWriter::~OUTWriter() {
     error.clear();
 }
 
-bool OUTWriter::start(const StreamParams& newSettings) {
+bool OUTWriter::start(const StreamParams& newSettings, const std::atomic<bool>* abandon) {
     stop();
     if (&newSettings != &settings)
         settings = newSettings;
@@ -67,7 +67,7 @@ bool OUTWriter::start(const StreamParams& newSettings) {
             ", streamId=", settings.streamId, ", videoBitrateKbps=", settings.videoBitrateKbps,
             ", audioBitrateKbps=", settings.audioBitrateKbps, ", latency=", settings.latency);
     std::string text;
-    if (!connection.connect(settings, text)) {
+    if (!connection.connect(settings, text, abandon)) {
         logLine("OUTWriter failed to connect SRT: ", text);
         error = text;
         active = false;

@@ -10,6 +10,7 @@ extern "C" {
 #include <libavutil/pixfmt.h>
 }
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -32,8 +33,9 @@ public:
     OUTWriter& operator=(const OUTWriter&) = delete;
 
     // Connects to the server; encoder and muxer wait for the first frame or picture. A frame
-    // gives them its own size, a picture the stream's 1920x1080.
-    bool start(const StreamParams& newSettings);
+    // gives them its own size, a picture the stream's 1920x1080. Setting `abandon` from another
+    // thread cuts the connect's wait short, as a failure.
+    bool start(const StreamParams& newSettings, const std::atomic<bool>* abandon = nullptr);
     // data: rows of packed R, G, B bytes, bytesPerLine apart; sizeInBytes is not needed.
     bool writeFrame(const uint8_t* data, int64_t sizeInBytes, int width, int height,
                     int bytesPerLine);

@@ -1,7 +1,5 @@
 #include "srtaddress.h"
 
-#include "srtconnection.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
@@ -11,7 +9,7 @@ namespace {
 constexpr const char* scheme = "srt://";
 constexpr std::size_t schemeLength = 6;
 constexpr const char* urlFormText = "SRT address must be srt://HOST:PORT?option=value";
-// libsrt's limits: a stream id of at most 512 bytes, a passphrase of 10 to 79.
+// libsrt's limits, in the bytes it counts: a stream id of at most 512, a passphrase of 10 to 79.
 constexpr std::size_t maxStreamId = 512;
 constexpr std::size_t minPassphrase = 10;
 constexpr std::size_t maxPassphrase = 79;
@@ -64,6 +62,13 @@ bool splitOption(const std::string& piece, std::string& name, std::string& value
            percentDecoded(equals == std::string::npos ? "" : piece.substr(equals + 1), value);
 }
 
+// A control byte would cut a host name short where the C library reads it, and has no place in
+// a stream id that servers match as text.
+bool hasControlByte(const std::string& text) {
+    return std::any_of(text.begin(), text.end(),
+                       [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+
 // Up to nine digits: far from where strtol would overflow, on every platform.
 bool wholeNumber(const std::string& text, long& value) {
     if (text.empty() || text.size() > 9 ||
@@ -87,7 +92,33 @@ bool SrtAddress::parse(const std::string& text, SrtAddress& address, std::string
     address = SrtAddress();
     if (isUrl(text))
         return address.parseUrl(text, errorText);
-    return SrtConnection::parseHostPort(text, address.host, address.port, errorText);
+    return parseHostPort(text, address.host, address.port, errorText);
+}
+
+bool SrtAddress::parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
+                               std::string& errorText) {
+    const std::size_t colon = hostPort.rfind(':');
+    if (hostPort.empty() || colon == std::string::npos || colon == 0 ||
+        colon == hostPort.size() - 1) {
+        errorText = "SRT address must be HOST:PORT";
+        return false;
+    }
+    const std::string portText = hostPort.substr(colon + 1);
+    char* end = nullptr;
+    // Compared as long before narrowing: where long is 64 bits, a huge number must not wrap
+    // into the valid range.
+    const long value = std::strtol(portText.c_str(), &end, 10);
+    if (!end || *end != '\0' || value < 1 || value > 65535) {
+        errorText = "SRT port is invalid";
+        return false;
+    }
+    if (hasControlByte(hostPort.substr(0, colon))) {
+        errorText = "SRT host must not contain control characters";
+        return false;
+    }
+    host = hostPort.substr(0, colon);
+    port = static_cast<int32_t>(value);
+    return true;
 }
 
 bool SrtAddress::parseUrl(const std::string& text, std::string& errorText) {
@@ -120,7 +151,7 @@ bool SrtAddress::parseUrl(const std::string& text, std::string& errorText) {
         return false;
     }
     // The plain form's rules check host and port, so both forms answer with the same texts.
-    if (!SrtConnection::parseHostPort(decodedHost + ":" + portText, host, port, errorText))
+    if (!parseHostPort(decodedHost + ":" + portText, host, port, errorText))
         return false;
 
     std::size_t begin = query == std::string::npos ? text.size() : query + 1;
@@ -147,13 +178,17 @@ bool SrtAddress::setOption(const std::string& name, const std::string& value,
     long number = 0;
     if (name == "streamid") {
         if (value.size() > maxStreamId) {
-            errorText = "SRT stream id must be at most 512 characters";
+            errorText = "SRT stream id must be at most 512 bytes";
+            return false;
+        }
+        if (hasControlByte(value)) {
+            errorText = "SRT stream id must not contain control characters";
             return false;
         }
         streamId = value;
     } else if (name == "passphrase") {
         if (value.size() < minPassphrase || value.size() > maxPassphrase) {
-            errorText = "SRT passphrase must be 10 to 79 characters";
+            errorText = "SRT passphrase must be 10 to 79 bytes";
             return false;
         }
         passphrase = value;
@@ -213,16 +248,4 @@ bool SrtAddress::applyTo(SRTSOCKET socket, std::string& errorText) const {
                          !setInt(socket, SRTO_PEERLATENCY, "SRTO_PEERLATENCY", latency, errorText)))
         return false;
     return true;
-}
-
-std::string SrtAddress::connectFailure(SRTSOCKET socket) const {
-    switch (srt_getrejectreason(socket)) {
-    case SRT_REJ_BADSECRET:
-        return "SRT connect failed: the server refused the passphrase";
-    case SRT_REJ_UNSECURE:
-        return passphrase.empty() ? "SRT connect failed: the server requires a passphrase"
-                                  : "SRT connect failed: the server does not use a passphrase";
-    default:
-        return std::string("SRT connect failed: ") + srt_getlasterror_str();
-    }
 }

@@ -12,13 +12,14 @@ class SrtAddress {
 public:
     // Parses without touching the network; errorText names what is wrong.
     static bool parse(const std::string& text, SrtAddress& address, std::string& errorText);
+    // Splits "HOST:PORT" at its last ':' so that an unbracketed IPv6 host keeps its colons.
+    static bool parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
+                              std::string& errorText);
     // The address as it may be logged: the passphrase's value is masked.
     static std::string masked(const std::string& text);
 
     // Sets the passphrase, key length and latency that the address carries.
     bool applyTo(SRTSOCKET socket, std::string& errorText) const;
-    // Why srt_connect failed on the socket, in words a presenter can act on.
-    std::string connectFailure(SRTSOCKET socket) const;
 
     std::string host;
     int32_t port = 0;

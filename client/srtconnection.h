@@ -7,9 +7,11 @@
 
 #include <srt/srt.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 // The single SRT caller socket (live mode) that carries the transport stream to the server.
 // A failed send drops its chunk and closes the socket; a later send reconnects. Nothing is
@@ -24,9 +26,12 @@ public:
     SrtConnection(const SrtConnection&) = delete;
     SrtConnection& operator=(const SrtConnection&) = delete;
 
-    // Closes whatever was open and connects to settings.hostPort, waiting up to the library's
-    // connect time-out; errorText says why not.
-    bool connect(const StreamParams& settings, std::string& errorText);
+    // Closes whatever was open and connects to settings.hostPort: every address the name
+    // resolves to gets a socket of its own, all tried at once within the library's one connect
+    // time-out, and the first to answer is kept. errorText says why none did. Setting
+    // `abandon` from another thread ends the wait early, as a failure.
+    bool connect(const StreamParams& settings, std::string& errorText,
+                 const std::atomic<bool>* abandon = nullptr);
     // Hands one chunk to the network under the drop-and-reconnect policy; always true.
     bool send(const uint8_t* data, std::size_t size, std::string& errorText);
     // Sends the chunk as SRT messages of at most maxMessageSize bytes; false closes the socket.
@@ -45,30 +50,34 @@ public:
     LinkStats& linkStats() { return stats; }
     const LinkStats& linkStats() const { return stats; }
 
-    // Splits "HOST:PORT" at its last ':' so that an unbracketed IPv6 host keeps its colons.
-    static bool parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
-                              std::string& errorText);
-
     // Seven 188-byte transport-stream packets: the payload limit of an SRT live message.
     static constexpr std::size_t maxMessageSize = 1316;
     static constexpr int lingerSeconds = 1;
 
 private:
-    // Creates the socket with every option of the stream; closed again on failure.
-    bool openSocket(std::string& errorText);
+    // A socket with every option of the stream, or SRT_INVALID_SOCK with the reason.
+    SRTSOCKET openSocket(std::string& errorText);
+    // Waits for the first of the pending connects to succeed; closes the others.
+    bool awaitFirst(std::vector<SRTSOCKET>& pending, std::vector<addrinfo*> addresses,
+                    const std::atomic<bool>* abandon, std::string& errorText);
     // Starts a connect to the address the last connect() reached, without waiting for it.
     void startReconnect();
     // The reconnect under way has ended: true if it connected (the socket is closed if not).
     bool reconnectFinished();
-    bool setOption(SRT_SOCKOPT option, const char* name, const void* value, int length,
-                   std::string& errorText);
+    void reconnectFailed(const std::string& reason);
+    // Why the connect on `failed` did not succeed, in words a presenter can act on.
+    std::string connectFailure(SRTSOCKET failed) const;
+    bool setOption(SRTSOCKET target, SRT_SOCKOPT option, const char* name, const void* value,
+                   int length, std::string& errorText);
 
     StreamParams settings;
-    int32_t attempts = 0;
-    int64_t retryAt = 0; // steady-clock nanoseconds; 0 when no reconnect is scheduled
+    int32_t attempts = 0; // reconnects that failed since the connection was last up
+    int64_t retryAt = 0;  // steady-clock nanoseconds; 0 when no reconnect is scheduled
     SRTSOCKET socket = SRT_INVALID_SOCK;
     bool reconnecting = false; // socket is a reconnect whose handshake has not ended yet
     bool reconnects = true;
+    // What the last failed reconnect said: a refusal that keeps coming is logged once.
+    std::string lastFailure;
     // Reconnects go to the address found at connect(): resolving a name again could wait on
     // the network for longer than a tick.
     sockaddr_storage peer{};

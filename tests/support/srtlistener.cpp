@@ -8,6 +8,16 @@
 #include <chrono>
 #include <map>
 #include <netinet/in.h>
+#include <set>
+
+namespace {
+
+// libsrt may run a listener's handshake hook on its own thread after the listener has closed:
+// the hook reaches only listeners that are still listening.
+std::mutex hookMutex;
+std::set<const SrtListener*> listening;
+
+} // namespace
 
 bool SrtListener::start(uint16_t port, bool ipv6) {
     stop();
@@ -26,16 +36,37 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
                                                 int(passphrase.size())) != 0) ||
         srt_bind(listenSocket, ipv6 ? (sockaddr*)&v6 : (sockaddr*)&v4,
                  ipv6 ? sizeof v6 : sizeof v4) ||
+        srt_listen_callback(listenSocket, &SrtListener::onHandshake, this) != 0 ||
         srt_listen(listenSocket, 4) != 0) {
         srt_close(listenSocket);
         return false;
     }
     stopping = false;
+    {
+        const std::lock_guard<std::mutex> lock(hookMutex);
+        listening.insert(this);
+    }
     thread = std::thread(&SrtListener::run, this, listenSocket);
     return true;
 }
 
+int SrtListener::onHandshake(void* self, SRTSOCKET socket, int, const sockaddr*, const char*) {
+    auto* listener = static_cast<SrtListener*>(self);
+    const std::lock_guard<std::mutex> lock(hookMutex);
+    if (!listening.count(listener))
+        return -1;
+    ++listener->handshakeCount;
+    if (listener->refusal == 0)
+        return 0;
+    srt_setrejectreason(socket, listener->refusal);
+    return -1;
+}
+
 void SrtListener::stop() {
+    {
+        const std::lock_guard<std::mutex> lock(hookMutex);
+        listening.erase(this);
+    }
     stopping = true;
     if (thread.joinable())
         thread.join();

@@ -33,6 +33,10 @@ public:
     bool start(uint16_t port, bool ipv6 = false);
     // Callers must bring this passphrase from the next start on; empty: no encryption.
     void setPassphrase(const std::string& text) { passphrase = text; }
+    // From now on every handshake is refused with this rejection reason; 0 accepts again.
+    void setRefusal(int reason) { refusal = reason; }
+    // Handshakes that reached the listener since its first start, refused ones included.
+    int handshakes() const { return handshakeCount; }
     // Closes the listening socket and every accepted connection (the callers see them break).
     void stop();
 
@@ -50,10 +54,13 @@ public:
 
 private:
     void run(SRTSOCKET listenSocket);
+    static int onHandshake(void* self, SRTSOCKET, int, const sockaddr*, const char*);
 
     mutable std::mutex mutex;
     std::vector<Connection> received;
     std::atomic<bool> stopping{false};
     std::thread thread;
     std::string passphrase;
+    std::atomic<int> refusal{0};
+    std::atomic<int> handshakeCount{0};
 };
