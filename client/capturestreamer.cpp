@@ -2,39 +2,85 @@
 
 #include "frame/drawingform.h"
 #include "frame/linkindicator.h"
+#include "logfile.h"
 
 #include <QApplication>
-#include <chrono>
+#include <QEventLoop>
 #include <cstdlib>
-#include <thread>
+#include <system_error>
+
+namespace {
+
+constexpr int32_t tickPeriodMs = 40;
+
+// The one streamer of the process, for the way out that the toolkit takes by exit() when the
+// display goes away.
+CaptureStreamer* atExitStreamer = nullptr;
+
+} // namespace
+
+struct CaptureStreamer::Run {
+    TickFlags flags;
+    std::thread worker;
+    std::thread generator;
+};
 
 CaptureStreamer::CaptureStreamer() {
     new LinkIndicator(captureFrame.liveButton(), [this] { return writer.linkDown(); });
     connect(&captureFrame, &WCapture::fullClose, this, [this] {
-        stop();
+        shutDown();
         std::exit(0);
     });
+    // Closing the tool column from the window manager ends the program through the toolkit's
+    // last-window rule, which returns from the event loop.
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &CaptureStreamer::shutDown);
+    if (!atExitStreamer)
+        std::atexit(&CaptureStreamer::shutDownAtExit);
+    atExitStreamer = this;
 }
 
-// The writer stops as it is destroyed. The program never destroys a streamer: a worker
-// thread of an earlier run may still hold it as its tick handler.
-CaptureStreamer::~CaptureStreamer() = default;
+// The writer stops as it is destroyed, after the threads that use it have ended.
+CaptureStreamer::~CaptureStreamer() {
+    if (atExitStreamer == this)
+        atExitStreamer = nullptr;
+    shutDown();
+}
 
 void CaptureStreamer::try_connect() {
+    // A START while START's own connect waits (the interface keeps painting meanwhile).
+    if (connecting)
+        return;
+    joinTicks();
     const StreamParams params = captureFrame.drawingForm()->streamParams();
 
-    bool started = false;
-    std::string error;
-    // The connect waits for the server, up to the library's connect time-out, on this thread.
+    // The connect may wait up to the library's connect time-out; it runs on a thread of its
+    // own while this one keeps the windows painted, with a busy cursor and no input taken.
+    connecting = true;
+    abandonConnect = false;
     QApplication::setOverrideCursor(Qt::WaitCursor);
-    QGuiApplication::sync();
-    {
-        const std::lock_guard<std::mutex> lock(frameMutex);
-        ++run;
-        started = writer.start(params);
+    bool started = false;
+    std::atomic<bool> finished{false};
+    std::string error;
+    QEventLoop wait;
+    std::thread connector([&] {
+        started = writer.start(params, &abandonConnect);
         error = writer.lastError();
-    }
+        finished = true;
+        // By name: the queued call is then built inside the toolkit, whose locks hand it over.
+        QMetaObject::invokeMethod(&wait, "quit", Qt::QueuedConnection);
+    });
+    wait.exec(QEventLoop::ExcludeUserInputEvents);
+    // The application may be quitting, which ends every event loop: the connect is abandoned.
+    if (!finished)
+        abandonConnect = true;
+    connector.join();
     QApplication::restoreOverrideCursor();
+    connecting = false;
+    if (abandonConnect) {
+        const std::lock_guard<std::mutex> lock(frameMutex);
+        writer.stop();
+        return;
+    }
     if (!started) {
         showFailure(error);
         return;
@@ -42,56 +88,121 @@ void CaptureStreamer::try_connect() {
 
     captureFrame.setLive(true);
     captureFrame.drawingForm()->setFormMode(0);
+    if (!startTicks(error)) {
+        {
+            const std::lock_guard<std::mutex> lock(frameMutex);
+            liveRun = 0;
+            writer.stop();
+        }
+        showFailure(error);
+    }
+}
 
-    // A generator of an earlier run that has not yet seen its stop would otherwise be revived
-    // by the reset below and go on beating beside the new one.
-    flags.stopFlag = true;
-    while (flags.runningFlag)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    flags.stopFlag = false;
-    flags.runningFlag = true;
-
-    // The threads are never joined: each ends by itself, or lingers with only its own state.
+bool CaptureStreamer::startTicks(std::string& error) {
+    // In place before the threads start: a failing first tick asks this run to stop.
+    ticks = std::make_unique<Run>();
+    ticks->flags.runningFlag = true;
     auto* state = new TickState;
-    new std::thread(tickWorkerThread, state, static_cast<ITickHandler*>(this));
-    new std::thread(tickGeneratorThread, &flags, state, 40);
+    state->due.run = ++runs;
+    {
+        const std::lock_guard<std::mutex> lock(frameMutex);
+        liveRun = runs;
+    }
+    try {
+        ticks->worker = std::thread(tickWorkerThread, state, static_cast<ITickHandler*>(this));
+        ticks->generator = std::thread(tickGeneratorThread, &ticks->flags, state, tickPeriodMs);
+    } catch (const std::system_error& failure) {
+        // Without a generator the worker is woken to end, and the state stays ours to free.
+        if (ticks->worker.joinable()) {
+            {
+                const std::lock_guard<std::mutex> lock(state->mutex);
+                state->stopRequested = true;
+            }
+            state->tickRaised.notify_all();
+            ticks->worker.join();
+        }
+        delete state;
+        ticks.reset();
+        error = std::string("Cannot start the streaming threads: ") + failure.what();
+        logLine("CaptureStreamer ", error);
+        return false;
+    }
+    return true;
+}
+
+void CaptureStreamer::joinTicks() {
+    if (!ticks)
+        return;
+    ticks->flags.stopFlag = true;
+    ticks->worker.join();
+    ticks->generator.join();
+    ticks.reset();
 }
 
 void CaptureStreamer::stop() {
-    flags.stopFlag = true;
+    // Only the quitting application stops while START's connect waits: that connect is
+    // abandoned and its stream never starts.
+    if (connecting) {
+        abandonConnect = true;
+        return;
+    }
+    if (ticks)
+        ticks->flags.stopFlag = true;
     {
         const std::lock_guard<std::mutex> lock(frameMutex);
+        liveRun = 0;
         writer.stop();
     }
     captureFrame.drawingForm()->setFormMode(2);
 }
 
-void CaptureStreamer::onTick(int64_t dueMs) {
-    std::string error;
-    uint64_t failedRun = 0;
+void CaptureStreamer::shutDown() {
+    stop();
+    joinTicks();
+}
+
+void CaptureStreamer::shutDownAtExit() {
+    if (!atExitStreamer)
+        return;
+    // The display may be gone: the windows are left alone, the stream is ended.
+    CaptureStreamer* streamer = atExitStreamer;
+    atExitStreamer = nullptr;
+    if (streamer->ticks)
+        streamer->ticks->flags.stopFlag = true;
     {
-        // Workers of two runs may overlap for a tick; only one grabs and writes at a time.
+        const std::lock_guard<std::mutex> lock(streamer->frameMutex);
+        streamer->liveRun = 0;
+        streamer->writer.stop();
+    }
+    streamer->joinTicks();
+}
+
+void CaptureStreamer::onTick(const Tick& tick) {
+    std::string error;
+    {
         const std::lock_guard<std::mutex> lock(frameMutex);
         // A tick still under way when live was switched off belongs to the stopped stream.
-        if (flags.stopFlag)
+        if (tick.run != liveRun)
             return;
         const platform::GrabbedPicture* picture = captureFrame.grab();
         if (!picture)
             return;
         if (writer.writePicture(picture->data, pixelFormatOf(picture->layout), picture->width,
-                                picture->height, picture->stride, dueMs))
+                                picture->height, picture->stride, tick.dueMs))
             return;
-        flags.stopFlag = true;
+        liveRun = 0;
         writer.stop();
         error = writer.lastError();
-        failedRun = run;
     }
+    // The run's generator is asked to stop here; its threads end by themselves.
+    ticks->flags.stopFlag = true;
     // The windows belong to the interface thread, and by the time they are reached the user may
     // have started another run, which this failure must leave alone.
+    const uint64_t failedRun = tick.run;
     QMetaObject::invokeMethod(
         this,
         [this, error, failedRun] {
-            if (failedRun == run)
+            if (failedRun == runs)
                 showFailure(error);
         },
         Qt::QueuedConnection);

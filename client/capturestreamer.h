@@ -5,9 +5,12 @@
 #include "tick_generator.h"
 
 #include <QObject>
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 // Joins the capture frame, the tick generator and the writer: while live, every tick grabs
 // the framed area and hands it to the writer.
@@ -21,7 +24,7 @@ public:
     WCapture& capture() { return captureFrame; }
 
     void stop();
-    void onTick(int64_t dueMs) override;
+    void onTick(const Tick& tick) override;
 
 Q_SIGNALS:
     void need_reconnect();
@@ -30,15 +33,28 @@ public Q_SLOTS:
     void try_connect();
 
 private:
-    void showFailure(const std::string& error);
+    // One live run's tick threads.
+    struct Run;
 
-    TickFlags flags;
+    bool startTicks(std::string& error);
+    // Waits for the last run's threads, which end within a tick period of its stop.
+    void joinTicks();
+    void showFailure(const std::string& error);
+    // Every way out of the program ends the stream as switching live off does.
+    void shutDown();
+    static void shutDownAtExit();
+
     WCapture captureFrame;
     OUTWriter writer;
     // The writer takes no lock of its own: this one keeps a start or stop on the interface
-    // thread from freeing what a frame being written on a worker thread still uses, and the
-    // worker of an earlier run from replacing the picture the current one is writing.
+    // thread from freeing what a frame being written on a worker thread still uses.
     std::mutex frameMutex;
-    // Counts the starts; changed under frameMutex, and only on the interface thread.
-    uint64_t run = 0;
+    // The run whose ticks may write, 0 while nothing is live; changed under frameMutex.
+    uint64_t liveRun = 0;
+    // Counts the starts; only the interface thread changes it.
+    uint64_t runs = 0;
+    std::unique_ptr<Run> ticks;
+    // START's connect runs off the interface thread, which keeps painting meanwhile.
+    bool connecting = false;
+    std::atomic<bool> abandonConnect{false};
 };

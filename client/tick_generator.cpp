@@ -19,25 +19,25 @@ void sleepMilliseconds(int64_t milliseconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-constexpr int64_t workerPollMs = 100;
-
 } // namespace
 
 void tickWorkerThread(TickState* state, ITickHandler* handler) {
     platform::prepareThreadForCrashes();
-    state->stopRequested = false;
-    state->tickPending = false;
+    // The state is born with no tick pending and no stop requested; resetting them here would
+    // undo a stop that came before this thread got going.
     std::unique_lock<std::mutex> lock(state->mutex);
-    if (!state->stopRequested) {
-        do {
-            state->tickRaised.wait(lock, [state] { return state->tickPending.load(); });
-            handler->onTick(state->dueMs);
-            state->tickPending = false;
-        } while (!state->stopRequested);
+    // The stop wakes a worker that waits for a tick, so that it ends with its run.
+    while (!state->stopRequested) {
+        state->tickRaised.wait(
+            lock, [state] { return state->tickPending.load() || state->stopRequested.load(); });
+        if (state->tickPending)
+            handler->onTick(state->due);
+        state->tickPending = false;
     }
     logLine("before unlock");
     logLine("end unlock\nWorker::thread end");
     state->workerAlive = false;
+    state->tickRaised.notify_all();
 }
 
 void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
@@ -50,7 +50,7 @@ void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
             {
                 std::lock_guard<std::mutex> lock(state->mutex);
                 state->tickPending = true;
-                state->dueMs = next;
+                state->due.dueMs = next;
             }
             state->tickRaised.notify_one();
             next += periodMs;
@@ -62,14 +62,18 @@ void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
         sleepMilliseconds(remaining - 1);
     }
     flags->runningFlag = false;
+    // Set before the mutex is taken: the worker may hold it through a tick that ends only once
+    // it sees the stop.
     state->stopRequested = true;
     state->spare = 0;
-    while (state->workerAlive)
-        sleepMilliseconds(workerPollMs);
     {
-        // The worker clears workerAlive while it still holds the mutex; taking the mutex once
-        // more makes sure it has let go before the mutex is destroyed.
-        std::lock_guard<std::mutex> lock(state->mutex);
+        // Notified under the mutex, so that a worker between its look at the flag and its wait
+        // cannot miss the wake-up.
+        std::unique_lock<std::mutex> lock(state->mutex);
+        state->tickRaised.notify_all();
+        // The worker clears workerAlive while it still holds the mutex: once this wait has the
+        // mutex back, the worker has let go of it for good and the state can go.
+        state->tickRaised.wait(lock, [state] { return !state->workerAlive.load(); });
     }
     delete state;
 }

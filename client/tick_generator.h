@@ -5,12 +5,18 @@
 #include <cstdint>
 #include <mutex>
 
+// One tick: the live run that raised it, and when it fell due, in milliseconds from the
+// generator's start (it grows with every tick).
+struct Tick {
+    uint64_t run = 0;
+    int64_t dueMs = 0;
+};
+
 // The unit of work run once per tick on the worker thread, while the worker holds the tick
-// mutex: it must never wait for the generator. dueMs is when the tick fell due, in
-// milliseconds from the generator's start; it grows with every tick.
+// mutex: it must never wait for the generator.
 class ITickHandler {
 public:
-    virtual void onTick(int64_t dueMs) = 0;
+    virtual void onTick(const Tick& tick) = 0;
 
 protected:
     ~ITickHandler() = default;
@@ -25,22 +31,23 @@ struct TickFlags {
 
 // The block the generator and the worker share. Allocate it with new and workerAlive true,
 // start the worker, then the generator; from then on the generator owns it and deletes it
-// once the worker has ended.
+// once the worker has ended. Where the generator cannot be started, set stopRequested under
+// mutex and notify tickRaised: the worker ends and the state is the starter's to delete.
 struct TickState {
     std::atomic<bool> workerAlive{true};
     std::atomic<uint32_t> spare{0};
     // Raised under mutex by the generator; the worker also resets it before it takes mutex.
     std::atomic<bool> tickPending{false};
-    // The due time of the pending tick; guarded by mutex.
-    int64_t dueMs = 0;
+    // The pending tick; guarded by mutex. Its run is set before the threads start.
+    Tick due;
     std::mutex mutex;
+    // Signalled for every tick, for the stop, and when the worker ends.
     std::condition_variable tickRaised;
     std::atomic<bool> stopRequested{false};
 };
 
 // Thread bodies. The generator raises a tick every periodMs milliseconds from its start until
-// flags->stopFlag is set; the worker calls handler->onTick() for each tick. A worker that is
-// waiting for a tick when the generator stops keeps waiting, and its generator keeps the
-// state alive for it: such a pair lingers until the process ends.
+// flags->stopFlag is set; the worker calls handler->onTick() for each tick. Within a period of
+// the stop both have ended, whatever the worker was doing: a stopped run leaves no thread.
 void tickWorkerThread(TickState* state, ITickHandler* handler);
 void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs);

@@ -7,6 +7,7 @@
 #include <QApplication>
 #include <QPushButton>
 #include <QtTest>
+#include <xcb/xcb.h>
 
 namespace {
 
@@ -28,6 +29,30 @@ QPoint columnPosition() {
                                            .match(xdotool({"search", "--onlyvisible", "--name",
                                                            "^Capture$", "getwindowgeometry"}));
     return at.hasMatch() ? QPoint(at.captured(1).toInt(), at.captured(2).toInt()) : QPoint(-1, -1);
+}
+
+// The window manager's Close (Alt+F4, the task bar): a WM_DELETE_WINDOW message to the column.
+void closeFromWindowManager() {
+    const xcb_window_t column =
+        xdotool({"search", "--onlyvisible", "--name", "^Capture$"}).trimmed().toUInt();
+    xcb_connection_t* x = xcb_connect(nullptr, nullptr);
+    const auto atom = [x](const char* name) {
+        xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
+            x, xcb_intern_atom(x, 0, static_cast<uint16_t>(strlen(name)), name), nullptr);
+        const xcb_atom_t found = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+        free(reply);
+        return found;
+    };
+    xcb_client_message_event_t message{};
+    message.response_type = XCB_CLIENT_MESSAGE;
+    message.format = 32;
+    message.window = column;
+    message.type = atom("WM_PROTOCOLS");
+    message.data.data32[0] = atom("WM_DELETE_WINDOW");
+    message.data.data32[1] = XCB_CURRENT_TIME;
+    xcb_send_event(x, 0, column, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
+    xcb_flush(x);
+    xcb_disconnect(x);
 }
 
 const char* const encoderMessage = "Failed to initialize video encoder or MPEG-TS output";
@@ -64,19 +89,27 @@ private slots:
         QTest::addColumn<QByteArray>("configIni"); // beside the executable
         QTest::addColumn<QString>("roomGuid");     // stored by an earlier run
         QTest::addColumn<QStringList>("logged");   // besides what every run logs
+        QTest::addColumn<QString>("wayOut");       // while live; else the exit button after
+        const QStringList stopped{"OUTWriter stop. frames=", "SRT link totals: packets sent="};
         QTest::newRow("streams, stops and exits with zero")
-            << QByteArray() << "" << QStringList{"switchLive0", "OUTWriter stop. frames="};
+            << QByteArray() << "" << stopped + QStringList{"switchLive0"} << "";
+        QTest::newRow("window manager's close while live stops the stream")
+            << QByteArray() << "" << stopped << "window manager";
+        QTest::newRow("display going away while live stops the stream")
+            << QByteArray() << "" << stopped << "display";
         // VAAPI takes only hardware surfaces, so it is refused on every machine.
         QTest::newRow("encoder that cannot open is shown in the form")
             << QByteArray("codec = h264_vaapi\n") << "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0"
             << QStringList{"OUTWriter selected encoder does not report pixel format support: "
-                           "h264_vaapi pix_fmt=yuv420p"};
+                           "h264_vaapi pix_fmt=yuv420p"}
+            << "";
     }
 
     void clickedThroughARun() {
         QFETCH(QByteArray, configIni);
         QFETCH(QString, roomGuid);
         QFETCH(QStringList, logged);
+        QFETCH(QString, wayOut);
         const bool streams = configIni.isEmpty();
         const uint16_t port = freeLoopbackPort(true);
         SrtListener listener;
@@ -97,6 +130,24 @@ private slots:
         if (!roomGuid.isEmpty())
             QSettings(settingsFile, QSettings::IniFormat).setValue("ROOM_GUID", roomGuid);
 
+        // The display that goes away is one of the row's own, of the same size.
+        QProcess display;
+        const QByteArray testDisplay = qgetenv("DISPLAY");
+        if (wayOut == "display") {
+            int number = 90;
+            while (QFile::exists(QString("/tmp/.X11-unix/X%1").arg(number)))
+                ++number;
+            display.start("Xvfb", {QString(":%1").arg(number), "-screen", "0", "1920x1080x24",
+                                   "-nolisten", "tcp"});
+            QTRY_VERIFY(QFile::exists(QString("/tmp/.X11-unix/X%1").arg(number)));
+            qputenv("DISPLAY", QByteArray(":") + QByteArray::number(number));
+        }
+        const auto restoreDisplay = qScopeGuard([&] {
+            qputenv("DISPLAY", testDisplay);
+            display.kill();
+            display.waitForFinished();
+        });
+
         QProcess program;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert("XDG_CONFIG_HOME", bin.filePath("config"));
@@ -116,7 +167,12 @@ private slots:
         if (streams) {
             QTRY_VERIFY_WITH_TIMEOUT(
                 listener.probe(listener.bytes(0))["frames"].toArray().size() >= 25, 30000);
-            clickAt(liveButton);
+            if (wayOut == "window manager")
+                closeFromWindowManager();
+            else if (wayOut == "display")
+                display.kill();
+            else
+                clickAt(liveButton);
             QTRY_VERIFY(listener.connections()[0].closed);
         } else {
             QTRY_VERIFY_WITH_TIMEOUT(log().contains(QString("changeStatus 0 ") + encoderMessage),
@@ -128,8 +184,10 @@ private slots:
         for (QDeadlineTimer deadline(20000);
              !program.waitForFinished(500) && !deadline.hasExpired();)
             clickAt(streams ? exitButton : exitButtonBelowMessage);
+        // Without its display the toolkit ends the program with 1.
         QVERIFY(program.state() == QProcess::NotRunning &&
-                program.exitStatus() == QProcess::NormalExit && program.exitCode() == 0);
+                program.exitStatus() == QProcess::NormalExit &&
+                program.exitCode() == (wayOut == "display" ? 1 : 0));
 
         // Log items run together; the column's placement is that on the 1920x1080 test screen.
         const QString text = log();

@@ -225,7 +225,7 @@ int deeper(int depth) {
 }
 
 struct Overflow : ITickHandler {
-    void onTick(int64_t) override { deeper(1); }
+    void onTick(const Tick&) override { deeper(1); }
 };
 
 int main(int argc, char** argv) {
