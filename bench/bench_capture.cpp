@@ -122,7 +122,7 @@ void run(int seconds, int latencyMs) {
     WCapture& capture = streamer->capture();
     capture.show();
     turnEventLoop(1000);
-    const QRect area = capture.captureRect.load();
+    const QRect area = streamer->captureSource().area().device;
     const QPoint liveButton =
         capture.liveButton()->mapToGlobal(capture.liveButton()->rect().center());
     const QPoint columnInPlace = capture.pos();

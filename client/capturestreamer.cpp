@@ -27,6 +27,7 @@ struct CaptureStreamer::Run {
 
 CaptureStreamer::CaptureStreamer() {
     new LinkIndicator(captureFrame.liveButton(), [this] { return writer.linkDown(); });
+    connect(&captureFrame, &WCapture::dragging, &source, &CaptureSource::setPaused);
     connect(&captureFrame, &WCapture::fullClose, this, [this] {
         shutDown();
         std::exit(0);
@@ -184,15 +185,16 @@ void CaptureStreamer::onTick(const Tick& tick) {
         // A tick still under way when live was switched off belongs to the stopped stream.
         if (tick.run != liveRun)
             return;
-        const platform::GrabbedPicture* picture = captureFrame.grab();
-        if (!picture)
+        const platform::GrabbedPicture* picture = source.grab();
+        if (!picture && !source.unusable())
             return;
-        if (writer.writePicture(picture->data, pixelFormatOf(picture->layout), picture->width,
+        if (picture &&
+            writer.writePicture(picture->data, pixelFormatOf(picture->layout), picture->width,
                                 picture->height, picture->stride, tick.dueMs))
             return;
         liveRun = 0;
         writer.stop();
-        error = writer.lastError();
+        error = picture ? writer.lastError() : source.lastError();
     }
     // The run's generator is asked to stop here; its threads end by themselves.
     ticks->flags.stopFlag = true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capturesource.h"
 #include "frame/wcapture.h"
 #include "outwriter.h"
 #include "tick_generator.h"
@@ -22,6 +23,7 @@ public:
     ~CaptureStreamer() override;
 
     WCapture& capture() { return captureFrame; }
+    const CaptureSource& captureSource() const { return source; }
 
     void stop();
     void onTick(const Tick& tick) override;
@@ -45,6 +47,7 @@ private:
     static void shutDownAtExit();
 
     WCapture captureFrame;
+    CaptureSource source{captureFrame.drawingForm()};
     OUTWriter writer;
     // The writer takes no lock of its own: this one keeps a start or stop on the interface
     // thread from freeing what a frame being written on a worker thread still uses.

@@ -1,6 +1,6 @@
+#include "capturesource.h"
 #include "frame/drawingform.h"
 #include "frame/wcapture.h"
-#include "framegrabber.h"
 #include "mainwindow.h"
 #include "support/freeport.h"
 #include "support/messagecapture.h"
@@ -100,6 +100,8 @@ class CaptureStreamerTest : public QObject {
     std::unique_ptr<MainWindow> window = std::make_unique<MainWindow>();
     WCapture* capture = findCapture();
     DrawingForm* frame = capture->drawingForm();
+    // Follows the frame as the program's own does.
+    CaptureSource source{frame};
     QLabel* message = frame->findChild<QLabel*>("lblMessage");
     QPushButton* live = capture->liveButton();
     std::unique_ptr<PatternWindow> pattern;
@@ -111,7 +113,7 @@ class CaptureStreamerTest : public QObject {
     void frameOver(QRect area) {
         frame->setGeometry(area.adjusted(-5, -5, 5, 5));
         emit frame->newSize();
-        QCOMPARE(capture->captureRect.load(), area);
+        QCOMPARE(source.area().local, area);
         pattern = std::make_unique<PatternWindow>(area);
         QVERIFY(QTest::qWaitForWindowExposed(pattern.get()));
     }
@@ -128,7 +130,7 @@ class CaptureStreamerTest : public QObject {
     void verifyFormMode() {
         QVERIFY(frame->isVisible() && frame->connectionForm()->isVisible());
         QVERIFY(!live->isChecked() && shows(live, white));
-        QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
+        QTRY_COMPARE(QGuiApplication::topLevelAt(source.area().local.center()),
                      frame->windowHandle());
     }
 
@@ -148,7 +150,7 @@ private slots:
         QVERIFY(window->settings()->value("SRT_HOST_PORT") == here &&
                 window->settings()->value("SRT_STREAM_ID") == "cam");
         // Clicks inside the frame reach the window below it.
-        QTRY_COMPARE(QGuiApplication::topLevelAt(capture->captureRect.load().center()),
+        QTRY_COMPARE(QGuiApplication::topLevelAt(source.area().local.center()),
                      pattern->windowHandle());
         QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= 30, 30000);
         // Resized while live: the stream keeps its size, the picture follows the new rectangle.
@@ -156,9 +158,9 @@ private slots:
         const int resizedAt = frames().size();
         QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= resizedAt + 40, 30000);
         // While the frame is dragged no tick writes a picture: a second of ticks is missed.
-        capture->dragging = true;
+        emit capture->dragging(true);
         QTest::qWait(1000);
-        capture->dragging = false;
+        emit capture->dragging(false);
         const int draggedAt = frames().size();
         QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= draggedAt + 10, 30000);
         QTest::mouseClick(live, Qt::LeftButton);
@@ -190,36 +192,54 @@ private slots:
         }
     }
 
-    void sharedMemoryGrabAndToolkitFallbackAgree() {
-        const QRect area(200, 150, 333, 211);
-        frameOver(area);
-        platform::ScreenGrab sharedMemory;
-        QVERIFY2(sharedMemory.open(), sharedMemory.lastError().c_str());
-        platform::GrabbedPicture shared;
-        QVERIFY(sharedMemory.grab(area.x(), area.y(), area.width(), area.height(), shared));
+    // At every scale factor and screen depth, on the shared-memory grab and on the toolkit's
+    // (an X server without the extension), the program in a process of its own streams the
+    // picture under its frame, and only that.
+    void framedAreaAtEveryScaleAndDepth_data() {
+        QTest::addColumn<QString>("scale");
+        QTest::addColumn<int>("depth");
+        QTest::addColumn<bool>("sharedMemory");
+        for (const bool shared : {true, false}) {
+            const char* path = shared ? "shared memory" : "toolkit";
+            for (const char* scale : {"1", "1.25", "1.5", "2"})
+                QTest::addRow("scale %s, %s", scale, path) << scale << 24 << shared;
+            QTest::addRow("30-bit screen, %s", path) << "1" << 30 << shared;
+            QTest::addRow("%s screen, %s", shared ? "16-bit" : "15-bit", path)
+                << "1" << (shared ? 16 : 15) << shared;
+        }
+    }
 
-        // A display without the extension makes the grab fall back to the toolkit's.
+    void framedAreaAtEveryScaleAndDepth() {
+        QFETCH(QString, scale);
+        QFETCH(int, depth);
+        QFETCH(bool, sharedMemory);
         QProcess server;
-        server.start("Xvfb", {"-displayfd", "1", "-extension", "MIT-SHM", "-nolisten", "tcp"});
+        QStringList arguments{"-displayfd",
+                              "1",
+                              "-nolisten",
+                              "tcp",
+                              "-screen",
+                              "0",
+                              QString("1920x1080x%1").arg(depth)};
+        if (!sharedMemory)
+            arguments += {"-extension", "MIT-SHM"};
+        server.start("Xvfb", arguments);
         QVERIFY(server.waitForReadyRead(20000));
-        const QByteArray display = qgetenv("DISPLAY");
-        qputenv("DISPLAY", ":" + server.readLine().trimmed());
-        MessageCapture log;
-        FrameGrabber grabber;
-        const platform::GrabbedPicture* fallback =
-            grabber.grab(QGuiApplication::primaryScreen(), area);
-        qputenv("DISPLAY", display);
+        QProcess program;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("DISPLAY", ":" + server.readLine().trimmed());
+        environment.insert("QT_SCALE_FACTOR", scale);
+        program.setProcessEnvironment(environment);
+        program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        stream = listener.connectionCount();
+        program.start(QCoreApplication::applicationFilePath(), {"--framed", here.section(':', 1)});
+        QTRY_VERIFY_WITH_TIMEOUT(frames().size() >= 30, 60000);
+        program.kill();
+        program.waitForFinished();
         server.kill();
         server.waitForFinished();
-        QVERIFY(log.contains("The X server has no shared memory") && fallback);
-
-        // Compared as 0xffRRGGBB words: the padding byte is left out.
-        QCOMPARE(fallback->layout, shared.layout);
-        const auto image = [](const platform::GrabbedPicture& picture) {
-            return QImage(picture.data, picture.width, picture.height, picture.stride,
-                          QImage::Format_RGB32);
-        };
-        QCOMPARE(image(*fallback), image(shared));
+        const int error = PatternWindow::worstError(listener.picture(stream, 25), 16);
+        QVERIFY2(error < 12, qPrintable(QString::number(error)));
     }
 
     void takenOrRefusedWithItsText_data() {
@@ -433,9 +453,28 @@ int listenerChild(uint16_t port) {
     return 0;
 }
 
+// The program with the four-colour picture under its frame, live to the port until killed.
+int framedChild(int argc, char** argv) {
+    QApplication application(argc, argv);
+    MainWindow window;
+    DrawingForm* frame = findCapture()->drawingForm();
+    // Inside the smallest screen the scale factors leave, 960x540 at 2.
+    const QRect area(60, 40, 640, 360);
+    frame->setGeometry(area.adjusted(-5, -5, 5, 5));
+    emit frame->newSize();
+    PatternWindow pattern(area);
+    if (!QTest::qWaitForWindowExposed(&pattern))
+        return 1;
+    frame->findChild<QLineEdit*>("leHostPort")->setText(QString("127.0.0.1:") + argv[2]);
+    QTest::mouseClick(frame->findChild<QPushButton*>("pbStart"), Qt::LeftButton);
+    return application.exec();
+}
+
 int main(int argc, char** argv) {
     if (argc == 3 && QByteArray(argv[1]) == "--listener")
         return listenerChild(QByteArray(argv[2]).toUShort());
+    if (argc == 3 && QByteArray(argv[1]) == "--framed")
+        return framedChild(argc, argv);
     // localhost as a stock Debian hosts file names it, ::1 first, whatever this machine's says:
     // the test runs again in a mount namespace of its own with such a file.
     if (geteuid() == 0 && !qEnvironmentVariableIsSet("BRINDLE_STOCK_HOSTS")) {

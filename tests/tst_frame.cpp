@@ -1,3 +1,4 @@
+#include "capturesource.h"
 #include "frame/drawingform.h"
 #include "frame/resizewidget.h"
 #include "frame/transparentlabel.h"
@@ -36,10 +37,10 @@ private slots:
     void screenOfLeftEdge() {
         const QList<QRect> leftOfPrimary{{1280, 0, 1920, 1080}, {0, 0, 1280, 720}};
         for (const QPoint edgeTop : {QPoint(1279, 100), QPoint(100, 900), QPoint(-50, 900)})
-            QVERIFY2(WCapture::screenOfLeftEdge(edgeTop, leftOfPrimary) == 1,
+            QVERIFY2(CaptureSource::screenOfLeftEdge(edgeTop, leftOfPrimary) == 1,
                      qPrintable(QString("%1,%2").arg(edgeTop.x()).arg(edgeTop.y())));
         const QList<QRect> stacked{{0, 0, 1920, 1080}, {0, 1080, 1920, 1080}};
-        QCOMPARE(WCapture::screenOfLeftEdge(QPoint(50, 1500), stacked), 1);
+        QCOMPARE(CaptureSource::screenOfLeftEdge(QPoint(50, 1500), stacked), 1);
     }
 
     void dragged_data() {
@@ -72,6 +73,9 @@ private slots:
             {700, 500}, 1);
         row("column dragged to the primary", "", "column", {100, 100, 700, 500}, {1300, 50},
             {700, 500}, 0);
+        // Moved by another program: the capture follows (the column leads, it is not led).
+        row("frame moved by another program", "", "program", {1500, 100, 700, 500}, {-1300, 50},
+            {700, 500}, 1);
     }
 
     void dragged() {
@@ -82,6 +86,7 @@ private slots:
         QFETCH(int, screen);
         WCapture column;
         DrawingForm* frame = column.drawingForm();
+        CaptureSource source(frame);
         ResizeWidget* grip = frame->resizeGrip();
         TransparentLabel* marker = column.marker();
         QVERIFY(QTest::qWaitForWindowExposed(&column));
@@ -116,32 +121,40 @@ private slots:
             QMouseEvent event(type, at, target->mapToGlobal(at), changed, held, Qt::NoModifier);
             QCoreApplication::sendEvent(target, &event);
         };
-        if (press)
-            send(QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton, from);
-        send(QEvent::MouseMove, Qt::NoButton, press ? Qt::LeftButton : Qt::NoButton, from + delta);
-        // While the column drags the frame the grip steps aside; while the grip resizes, the column
-        // does.
-        QVERIFY(!press || handle == "marker" || !button.isEmpty() ||
-                !(handle == "grip" ? column.isVisible() : grip->isVisible()));
-        if (press)
-            send(QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, from + delta);
+        if (handle == "program") {
+            const QPoint to = frame->pos() + delta;
+            QProcess::execute("xdotool", {"windowmove", QString::number(frame->winId()),
+                                          QString::number(to.x()), QString::number(to.y())});
+            QTRY_COMPARE(frame->pos(), to);
+        } else {
+            if (press)
+                send(QEvent::MouseButtonPress, Qt::LeftButton, Qt::LeftButton, from);
+            send(QEvent::MouseMove, Qt::NoButton, press ? Qt::LeftButton : Qt::NoButton,
+                 from + delta);
+            // While the column drags the frame the grip steps aside; while the grip resizes, the
+            // column does.
+            QVERIFY(!press || handle == "marker" || !button.isEmpty() ||
+                    !(handle == "grip" ? column.isVisible() : grip->isVisible()));
+            if (press)
+                send(QEvent::MouseButtonRelease, Qt::LeftButton, Qt::NoButton, from + delta);
+        }
 
-        // Wherever the frame went, the column stands against its right edge, bottoms level, and is
-        // shown; the capture takes the frame's inside; the grip sits at its corner (where a move
+        // Wherever the column took the frame, it stands against its right edge, bottoms level, and
+        // is shown; the capture takes the frame's inside; the grip sits at its corner (where a move
         // that would make the frame too small left it), shown again unless a pinned column hid it.
         QTEST(frame->size(), "frameSize");
         const QRect area = frame->geometry();
-        QCOMPARE(column.pos(), QPoint(area.right() + 1, area.bottom() + 1 - column.height()));
+        QVERIFY(handle == "program" ||
+                column.pos() == QPoint(area.right() + 1, area.bottom() + 1 - column.height()));
         QVERIFY(handle != "column" ||
                 column.pos() == columnAt + (button.isEmpty() ? delta : QPoint()));
         QVERIFY(column.isVisible());
-        int index = -1;
-        QCOMPARE(column.captureRect.load(index),
+        QCOMPARE(source.area().local,
                  area.adjusted(5, 5, -5, -5)
                      .translated(-QGuiApplication::screens().at(screen)->geometry().topLeft()));
-        QCOMPARE(index, screen);
-        const auto grabbedCentre = [&column] {
-            const platform::GrabbedPicture* picture = column.grab();
+        QCOMPARE(source.area().screen, screen);
+        const auto grabbedCentre = [&source] {
+            const platform::GrabbedPicture* picture = source.grab();
             if (!picture || picture->layout != platform::PixelLayout::Bgrx)
                 return QColor();
             const uint8_t* pixel =
@@ -164,6 +177,23 @@ private slots:
         // Closing the column takes the frame and the grip along.
         column.close();
         QVERIFY(!frame->isVisible() && !grip->isVisible());
+    }
+
+    // A screen whose place changes (another monitor's resolution changed beside it) moves the
+    // capture's place on it, with nothing else moved.
+    void screenMoved() {
+        WCapture column;
+        DrawingForm* frame = column.drawingForm();
+        CaptureSource source(frame);
+        frame->setGeometry(100, 100, 700, 500);
+        QTRY_COMPARE(source.area().local, QRect(105, 105, 690, 490));
+        const auto place = [](const char* at) {
+            return QProcess::execute("xrandr", {"--output", "DUMMY1", "--pos", at}) == 0;
+        };
+        QVERIFY(place("0x200"));
+        QTRY_COMPARE(source.area().local, QRect(105, -95, 690, 490));
+        QVERIFY(place("0x0"));
+        QTRY_COMPARE(source.area().local, QRect(105, 105, 690, 490));
     }
 };
 

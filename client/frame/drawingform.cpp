@@ -170,6 +170,7 @@ void DrawingForm::moveEvent(QMoveEvent* event) {
 
 void DrawingForm::resizeEvent(QResizeEvent*) {
     glue->setOffset(QPoint(width(), height()));
+    emit geometryChanged();
     if (testAttribute(Qt::WA_TransparentForMouseEvents))
         applyStreamingMask();
 }

@@ -6,6 +6,7 @@
 #include "transparentlabel.h"
 #include "widgetglue.h"
 
+#include <QCloseEvent>
 #include <QCoreApplication>
 #include <QCursor>
 #include <QGuiApplication>
@@ -71,24 +72,6 @@ QPushButton* makeToolButton(QWidget* parent, const char* name, const char* iconP
 
 } // namespace
 
-int WCapture::screenOfLeftEdge(QPoint edgeTop, const QList<QRect>& screens) {
-    int nearest = 0;
-    long long nearestDistance = -1;
-    for (int i = 0; i < screens.size(); ++i) {
-        const QRect& screen = screens.at(i);
-        const long long dx =
-            std::max({screen.left() - edgeTop.x(), 0, edgeTop.x() - screen.right()});
-        const long long dy =
-            std::max({screen.top() - edgeTop.y(), 0, edgeTop.y() - screen.bottom()});
-        const long long distance = dx * dx + dy * dy;
-        if (nearestDistance < 0 || distance < nearestDistance) {
-            nearest = i;
-            nearestDistance = distance;
-        }
-    }
-    return nearest;
-}
-
 WCapture::WCapture() : IWCapture(nullptr), ui(std::make_unique<Ui>()) {
     setupUi();
 
@@ -119,14 +102,6 @@ WCapture::WCapture() : IWCapture(nullptr), ui(std::make_unique<Ui>()) {
     move(screen.width() - 1280, screen.height() - 720);
     logLine("screen:", screen.x(), screen.y(), screen.width(), "x", screen.height());
     logLine("move: ", x(), y());
-
-    // A screen that comes or goes renumbers the list the grab picks its screen from.
-    connect(
-        qGuiApp, &QGuiApplication::screenAdded, this, [this] { takeOverFrame(); },
-        Qt::QueuedConnection);
-    connect(
-        qGuiApp, &QGuiApplication::screenRemoved, this, [this] { takeOverFrame(); },
-        Qt::QueuedConnection);
 
     glueActive = true;
     update();
@@ -190,19 +165,6 @@ QPushButton* WCapture::liveButton() const {
     return ui->cmdLive;
 }
 
-const platform::GrabbedPicture* WCapture::grab() {
-    if (dragging)
-        return nullptr;
-
-    // The screen is taken from the same list, in the same order, as it was chosen from.
-    int index = 0;
-    const QRect area = captureRect.load(index);
-    const QList<QScreen*> screens = QGuiApplication::screens();
-    if (index >= screens.size())
-        return nullptr;
-    return grabber.grab(screens.at(index), area);
-}
-
 void WCapture::setLive(bool live) {
     const QSignalBlocker blocker(ui->cmdLive);
     ui->cmdLive->setChecked(live);
@@ -238,22 +200,10 @@ void WCapture::on_cmdLock_toggled(bool checked) {
     frame->setLocked(checked);
 }
 
-QRect WCapture::takeOverFrame() {
-    const QRect r = frame->geometry().adjusted(5, 5, -5, -5);
-    QList<QRect> screens;
-    for (const QScreen* screen : QGuiApplication::screens())
-        screens.append(screen->geometry());
-    const int index = screenOfLeftEdge(r.topLeft(), screens);
-    const QPoint origin = screens.isEmpty() ? QPoint() : screens.at(index).topLeft();
-    captureRect.store(r.translated(-origin), index);
-    return r;
-}
-
-// The capture follows the frame to whichever screen it is on, and the column always comes
-// back: hidden by a grip press or left behind, it would leave a presenter whose form is hidden
-// while live no way to stop.
+// The column always comes back: hidden by a grip press or left behind, it would leave a
+// presenter whose form is hidden while live no way to stop.
 void WCapture::calcNewPosition() {
-    const QRect r = takeOverFrame();
+    const QRect r = frame->geometry().adjusted(5, 5, -5, -5);
     glue->setOffset(QPoint(-frame->width(), height() - frame->height()));
 
     glueActive = false;
@@ -280,7 +230,10 @@ void WCapture::mouseMoveEvent(QMouseEvent* event) {
     if (dragStart.isNull())
         dragStart = mapFromGlobal(QCursor::pos());
     move(pos() - dragStart + event->pos());
-    dragging = true;
+    if (!dragged) {
+        dragged = true;
+        emit dragging(true);
+    }
 }
 
 void WCapture::mouseReleaseEvent(QMouseEvent*) {
@@ -289,7 +242,10 @@ void WCapture::mouseReleaseEvent(QMouseEvent*) {
     frame->resizeGrip()->show();
     dragStart = QPoint(0, 0);
     calcNewPosition();
-    dragging = false;
+    if (dragged) {
+        dragged = false;
+        emit dragging(false);
+    }
     emit glue->sigShow();
 }
 
@@ -308,6 +264,10 @@ void WCapture::moveEvent(QMoveEvent* event) {
         glue->onMove(event->pos());
 }
 
-void WCapture::closeEvent(QCloseEvent*) {
+// The window manager's close (Alt+F4, the task bar) is the exit button's: it ends the program
+// and its stream, whatever other window of ours is still shown.
+void WCapture::closeEvent(QCloseEvent* event) {
     glue->onClose();
+    if (event->spontaneous())
+        shutDown();
 }

@@ -6,8 +6,10 @@
 
 namespace platform {
 
-// The order of a pixel's bytes in memory. The padding byte X is never read.
-enum class PixelLayout { None, Bgrx, Xrgb, Rgb, Bgr, Rgb565 };
+// The order of a pixel's bytes in memory. The padding byte X is never read. X2rgb10 and
+// X2bgr10 are little-endian 32-bit words of three 10-bit channels, red or blue highest;
+// Rgb565 and Rgb555 little-endian 16-bit words.
+enum class PixelLayout { None, Bgrx, Xrgb, X2rgb10, X2bgr10, Rgb, Bgr, Rgb565, Rgb555 };
 
 // A grabbed picture as it lies in memory: one plane of packed pixels, rows `stride` bytes
 // apart. The memory belongs to whoever grabbed it and stays valid until its next grab.

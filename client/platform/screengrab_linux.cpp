@@ -36,6 +36,25 @@ const xcb_format_t* pixmapFormatOf(const xcb_setup_t* setup, uint8_t depth) {
     return nullptr;
 }
 
+// 24-bit and 30-bit depths in 32-bit words, 16-bit and 15-bit depths in 16-bit words.
+PixelLayout layoutOf(const xcb_format_t& pixmap, const xcb_visualtype_t& visual, uint8_t order) {
+    const bool lsbFirst = order == XCB_IMAGE_ORDER_LSB_FIRST;
+    const auto masks = [&visual](uint32_t red, uint32_t green, uint32_t blue) {
+        return visual.red_mask == red && visual.green_mask == green && visual.blue_mask == blue;
+    };
+    if (pixmap.bits_per_pixel == 32 && masks(0xff0000, 0xff00, 0xff))
+        return lsbFirst ? PixelLayout::Bgrx : PixelLayout::Xrgb;
+    if (pixmap.bits_per_pixel == 32 && lsbFirst && masks(0x3ff00000, 0xffc00, 0x3ff))
+        return PixelLayout::X2rgb10;
+    if (pixmap.bits_per_pixel == 32 && lsbFirst && masks(0x3ff, 0xffc00, 0x3ff00000))
+        return PixelLayout::X2bgr10;
+    if (pixmap.bits_per_pixel == 16 && lsbFirst && masks(0xf800, 0x7e0, 0x1f))
+        return PixelLayout::Rgb565;
+    if (pixmap.bits_per_pixel == 16 && lsbFirst && masks(0x7c00, 0x3e0, 0x1f))
+        return PixelLayout::Rgb555;
+    return PixelLayout::None;
+}
+
 } // namespace
 
 // The connection, the shared segment and the server's attachment to it: each made and freed
@@ -130,11 +149,8 @@ bool ScreenGrab::open() {
         error = "The X screen does not describe its pixels";
         return false;
     }
-    const bool lsbFirst = setup->image_byte_order == XCB_IMAGE_ORDER_LSB_FIRST;
-    if (pixmap->bits_per_pixel == 32 && visual->red_mask == 0xff0000 &&
-        visual->green_mask == 0xff00 && visual->blue_mask == 0xff) {
-        opened->layout = lsbFirst ? PixelLayout::Bgrx : PixelLayout::Xrgb;
-    } else {
+    opened->layout = layoutOf(*pixmap, *visual, setup->image_byte_order);
+    if (opened->layout == PixelLayout::None) {
         error = "The X screen's pixel layout is not one the shared memory grab reads";
         return false;
     }
