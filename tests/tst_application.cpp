@@ -33,8 +33,6 @@ QPoint columnPosition() {
 
 // The window manager's Close (Alt+F4, the task bar): a WM_DELETE_WINDOW message to the column.
 void closeFromWindowManager() {
-    const xcb_window_t column =
-        xdotool({"search", "--onlyvisible", "--name", "^Capture$"}).trimmed().toUInt();
     xcb_connection_t* x = xcb_connect(nullptr, nullptr);
     const auto atom = [x](const char* name) {
         xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
@@ -43,14 +41,18 @@ void closeFromWindowManager() {
         free(reply);
         return found;
     };
-    xcb_client_message_event_t message{};
-    message.response_type = XCB_CLIENT_MESSAGE;
-    message.format = 32;
-    message.window = column;
-    message.type = atom("WM_PROTOCOLS");
-    message.data.data32[0] = atom("WM_DELETE_WINDOW");
-    message.data.data32[1] = XCB_CURRENT_TIME;
-    xcb_send_event(x, 0, column, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&message));
+    for (const QByteArray& column :
+         xdotool({"search", "--onlyvisible", "--name", "^Capture$"}).trimmed().split('\n')) {
+        xcb_client_message_event_t message{};
+        message.response_type = XCB_CLIENT_MESSAGE;
+        message.format = 32;
+        message.window = column.toUInt();
+        message.type = atom("WM_PROTOCOLS");
+        message.data.data32[0] = atom("WM_DELETE_WINDOW");
+        message.data.data32[1] = XCB_CURRENT_TIME;
+        xcb_send_event(x, 0, message.window, XCB_EVENT_MASK_NO_EVENT,
+                       reinterpret_cast<const char*>(&message));
+    }
     xcb_flush(x);
     xcb_disconnect(x);
 }
@@ -167,13 +169,17 @@ private slots:
         if (streams) {
             QTRY_VERIFY_WITH_TIMEOUT(
                 listener.probe(listener.bytes(0))["frames"].toArray().size() >= 25, 30000);
+            // The column is mapped again asynchronously after the mode change, like the form:
+            // the window manager's close is sent until the program answers by ending.
             if (wayOut == "window manager")
-                closeFromWindowManager();
+                for (QDeadlineTimer deadline(20000);
+                     !program.waitForFinished(500) && !deadline.hasExpired();)
+                    closeFromWindowManager();
             else if (wayOut == "display")
                 display.kill();
             else
                 clickAt(liveButton);
-            QTRY_VERIFY(listener.connections()[0].closed);
+            QTRY_VERIFY_WITH_TIMEOUT(listener.connections()[0].closed, 20000);
         } else {
             QTRY_VERIFY_WITH_TIMEOUT(log().contains(QString("changeStatus 0 ") + encoderMessage),
                                      30000);
