@@ -33,9 +33,11 @@ class StartupTest : public QObject {
 
 private slots:
     void configPairs_data() {
-        QTest::addColumn<QByteArray>("content"); // null: no file
+        // null: no file; "|fifo", "|folder": one of those in the file's place
+        QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("value"); // "default" where the key is not found
+        // "default" where the key is not found, "unread" where the file is not read at all
+        QTest::addColumn<QString>("value");
         const auto row = [](const char* name, QByteArray content, QString key, QString value) {
             QTest::newRow(name) << content << key << value;
         };
@@ -53,7 +55,12 @@ private slots:
         row("quotes kept", "codec = \"libx264\"", "codec", "\"libx264\"");
         row("no separator", "fps 25", "fps", "default");
         row("empty file", "", "fps", "default");
-        row("no file", QByteArray(), "fps", "default");
+        row("Notepad's byte-order mark", "\xEF\xBB\xBF" + QByteArray("fps=30\n"), "fps", "30");
+        row("64 KiB", "fps=30" + QByteArray(64 * 1024 - 6, '\n'), "fps", "30");
+        row("past 64 KiB", "fps=30" + QByteArray(64 * 1024 - 5, '\n'), "fps", "unread");
+        row("no file", QByteArray(), "fps", "unread");
+        row("pipe", "|fifo", "fps", "unread");
+        row("folder", "|folder", "fps", "unread");
     }
 
     void configPairs() {
@@ -62,20 +69,29 @@ private slots:
         QFETCH(QString, value);
         QTemporaryDir folder;
         QFile file(folder.filePath("config.ini"));
-        QVERIFY(content.isNull() || (file.open(QIODevice::WriteOnly) && file.write(content) >= 0));
+        const QByteArray path = QFile::encodeName(file.fileName());
+        if (content == "|fifo")
+            QCOMPARE(mkfifo(path, 0600), 0);
+        else if (content == "|folder")
+            QCOMPARE(mkdir(path, 0700), 0);
+        else
+            QVERIFY(content.isNull() ||
+                    (file.open(QIODevice::WriteOnly) && file.write(content) >= 0));
         file.close();
         MessageCapture capture;
         ConfigReader reader;
         // The name is taken relative to the executable's folder.
         const QDir executableFolder(QCoreApplication::applicationDirPath());
-        QCOMPARE(reader.read(executableFolder.relativeFilePath(file.fileName()).toStdString()),
-                 !content.isNull());
+        const QString name = executableFolder.relativeFilePath(file.fileName());
+        QCOMPARE(reader.read(name.toStdString()), value != "unread");
+        QCOMPARE(capture.contains("fail open:  " + executableFolder.filePath(name)),
+                 value == "unread");
+        value = value == "unread" ? "default" : value;
         QCOMPARE(reader.value(key.toStdString(), "default"), value);
         QVERIFY(value == "default" ||
                 !capture.messages().filter("[config] ").filter(value).isEmpty());
         // A file that cannot be read is reported and leaves what was read before.
         QVERIFY(!reader.read("no-such-config.ini"));
-        QVERIFY(capture.contains("fail open:  " + executableFolder.filePath("no-such-config.ini")));
         QCOMPARE(reader.value(key.toStdString(), "default"), value);
     }
 
