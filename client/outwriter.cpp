@@ -67,7 +67,8 @@ bool OUTWriter::start(const StreamParams& newSettings, const std::atomic<bool>* 
     lastPts = -1;
     error.clear();
     logLine("OUTWriter start. hostPort=", SrtAddress::masked(settings.hostPort),
-            ", streamId=", settings.streamId, ", videoBitrateKbps=", settings.videoBitrateKbps,
+            ", streamId=", logfile::secret(settings.streamId),
+            ", videoBitrateKbps=", settings.videoBitrateKbps,
             ", audioBitrateKbps=", settings.audioBitrateKbps, ", latency=", settings.latency);
     std::string text;
     if (!connection.connect(settings, text, abandon)) {
