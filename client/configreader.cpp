@@ -1,12 +1,22 @@
 #include "configreader.h"
 
 #include "logfile.h"
+#include "platform/smallfile.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <algorithm>
 #include <cctype>
-#include <fstream>
+#include <sstream>
+
+namespace {
+
+// A few lines of settings; anything larger is not the file the program expects.
+constexpr std::size_t maxConfigBytes = 64 * 1024;
+// Notepad starts its UTF-8 files with one; it is no part of the first key.
+constexpr const char* byteOrderMark = "\xEF\xBB\xBF";
+
+} // namespace
 
 std::string ConfigReader::trim(const std::string& text) {
     const auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
@@ -40,11 +50,12 @@ bool ConfigReader::parseLine(const std::string& line, char separator,
 bool ConfigReader::read(std::string fileName) {
     const std::string path = QCoreApplication::applicationDirPath().toUtf8().toStdString() +
                              QDir::separator().toLatin1() + fileName;
-    std::ifstream file(path);
-    if (!file.is_open()) {
+    std::string text;
+    if (!platform::readSmallFile(path, maxConfigBytes, text)) {
         logLine("fail open: ", path);
         return false;
     }
+    std::istringstream file(text.compare(0, 3, byteOrderMark) == 0 ? text.substr(3) : text);
 
     values.clear();
     std::string line;

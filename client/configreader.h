@@ -9,7 +9,8 @@
 // regard to case; the first occurrence of a key wins.
 class ConfigReader {
 public:
-    // False when the file cannot be opened; the pairs read before stay.
+    // False when the file cannot be read: only a plain file of at most 64 KiB is. The pairs read
+    // before stay. A UTF-8 byte-order mark at the start is skipped.
     bool read(std::string fileName);
     QString value(std::string key, std::string defaultValue) const;
 

@@ -4,12 +4,14 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace logfile {
 
 std::string fileName(const std::string& prefix, int year, int month, int day, int hour, int minute,
-                     int second) {
-    const std::string format = prefix + "_%d_%02d_%02d_%02d_%02d_%02d.txt";
+                     int second, int attempt) {
+    const std::string suffix = attempt > 1 ? "_" + std::to_string(attempt) : std::string();
+    const std::string format = prefix + "_%d_%02d_%02d_%02d_%02d_%02d" + suffix + ".txt";
     const int length =
         std::snprintf(nullptr, 0, format.c_str(), year, month, day, hour, minute, second);
     std::string name(static_cast<std::size_t>(length) + 1, '\0');

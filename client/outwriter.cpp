@@ -17,6 +17,9 @@ namespace {
 constexpr int ioBufferSize = 32768;
 constexpr const char* defaultCodec = "libopenh264";
 constexpr int defaultFps = 25;
+// Past this a live picture gains nothing, and every frame's share of the bitrate and the key
+// frames' spacing (one a second's worth of frames) go wrong.
+constexpr int maxFps = 120;
 constexpr int defaultBitrate = 1000000;
 constexpr int streamWidth = 1920;
 constexpr int streamHeight = 1080;
@@ -64,7 +67,8 @@ bool OUTWriter::start(const StreamParams& newSettings, const std::atomic<bool>* 
     lastPts = -1;
     error.clear();
     logLine("OUTWriter start. hostPort=", SrtAddress::masked(settings.hostPort),
-            ", streamId=", settings.streamId, ", videoBitrateKbps=", settings.videoBitrateKbps,
+            ", streamId=", logfile::secret(settings.streamId),
+            ", videoBitrateKbps=", settings.videoBitrateKbps,
             ", audioBitrateKbps=", settings.audioBitrateKbps, ", latency=", settings.latency);
     std::string text;
     if (!connection.connect(settings, text, abandon)) {
@@ -161,7 +165,11 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
         logLine("OUTWriter failed to allocate codec context");
         return false;
     }
-    const int fps = config.fps > 0 ? config.fps : defaultFps;
+    const bool fpsUsable = config.fps >= 1 && config.fps <= maxFps;
+    if (!fpsUsable)
+        logLine("OUTWriter fps ", config.fps, " is not used: outside 1 to ", maxFps,
+                ", encoding at ", defaultFps);
+    const int fps = fpsUsable ? config.fps : defaultFps;
     codec->codec_id = AV_CODEC_ID_H264;
     codec->codec_type = AVMEDIA_TYPE_VIDEO;
     codec->width = width;
@@ -192,7 +200,8 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     frame = av_frame_alloc();
     packet = av_packet_alloc();
     if (!frame || !packet) {
-        logLine("OUTWriter failed to allocate frame");
+        logLine(frame ? "OUTWriter failed to allocate packet"
+                      : "OUTWriter failed to allocate frame");
         return false;
     }
     frame->format = codec->pix_fmt;

@@ -78,6 +78,38 @@ bool wholeNumber(const std::string& text, long& value) {
     return true;
 }
 
+// Options whose values the log may show: they tune the link and carry nothing secret. The
+// stream id is kept out of the debug channel only, as the stream id of the form is.
+bool shownInLog(const std::string& name, bool inFile) {
+    return name == "latency" || name == "pbkeylen" || (inFile && name == "streamid");
+}
+
+std::string maskedOptions(const std::string& text, bool inFile) {
+    const std::size_t query = text.find('?');
+    if (!isUrl(text) || query == std::string::npos)
+        return text;
+    std::string result = text.substr(0, query + 1);
+    std::size_t begin = query + 1;
+    while (begin <= text.size()) {
+        const std::size_t end = std::min(text.find('&', begin), text.size());
+        const std::string piece = text.substr(begin, end - begin);
+        const std::size_t equals = piece.find('=');
+        std::string name;
+        std::string value;
+        // A piece without a name, or one that cannot be decoded, might be anything: masked whole.
+        if (equals == std::string::npos || !splitOption(piece, name, value))
+            result += piece.empty() ? "" : mask;
+        else if (shownInLog(lowerCase(name), inFile))
+            result += piece;
+        else
+            result += piece.substr(0, equals) + "=" + mask;
+        if (end < text.size())
+            result += '&';
+        begin = end + 1;
+    }
+    return result;
+}
+
 bool setInt(SRTSOCKET socket, SRT_SOCKOPT option, const char* name, int value,
             std::string& errorText) {
     if (srt_setsockopt(socket, 0, option, &value, sizeof value) != SRT_ERROR)
@@ -211,29 +243,8 @@ bool SrtAddress::setOption(const std::string& name, const std::string& value,
     return true;
 }
 
-std::string SrtAddress::masked(const std::string& text) {
-    const std::size_t query = text.find('?');
-    if (!isUrl(text) || query == std::string::npos)
-        return text;
-    std::string result = text.substr(0, query + 1);
-    std::size_t begin = query + 1;
-    while (begin <= text.size()) {
-        const std::size_t end = std::min(text.find('&', begin), text.size());
-        const std::string piece = text.substr(begin, end - begin);
-        std::string name;
-        std::string value;
-        // A piece that cannot be decoded might hold anything: it is masked whole.
-        if (!splitOption(piece, name, value))
-            result += mask;
-        else if (lowerCase(name) == "passphrase")
-            result += piece.substr(0, piece.find('=')) + "=" + mask;
-        else
-            result += piece;
-        if (end < text.size())
-            result += '&';
-        begin = end + 1;
-    }
-    return result;
+logfile::Masked SrtAddress::masked(const std::string& text) {
+    return {maskedOptions(text, true), maskedOptions(text, false)};
 }
 
 bool SrtAddress::applyTo(SRTSOCKET socket, std::string& errorText) const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "logfile.h"
+
 #include <srt/srt.h>
 
 #include <cstdint>
@@ -15,8 +17,10 @@ public:
     // Splits "HOST:PORT" at its last ':' so that an unbracketed IPv6 host keeps its colons.
     static bool parseHostPort(const std::string& hostPort, std::string& host, int32_t& port,
                               std::string& errorText);
-    // The address as it may be logged: the passphrase's value is masked.
-    static std::string masked(const std::string& text);
+    // The address as it may be logged. In an srt:// text every option's value is masked but
+    // those of latency, pbkeylen and, in the file only, streamid: a misspelt passphrase is as
+    // secret as the right one.
+    static logfile::Masked masked(const std::string& text);
 
     // Sets the passphrase, key length and latency that the address carries.
     bool applyTo(SRTSOCKET socket, std::string& errorText) const;

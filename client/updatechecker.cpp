@@ -16,8 +16,11 @@ const char* const pathTemplate = "/check_update379/PROJECT_ID/HOST_ID/TRIAL/BUIL
 constexpr int projectId = 200;
 constexpr int trial = 1;
 const char* const build = "11";
-constexpr int runningCheckDelayMs = 5000;
 constexpr int expectedStatus = 200;
+// The answer is a few lines of text: a request that takes longer, or an answer that is larger,
+// is not the server we expect and must not hold a connection or memory for the whole run.
+constexpr int maxWaitMs = 30000;
+constexpr qint64 maxAnswerBytes = 64 * 1024;
 
 constexpr int littleEndianUuidVersion = 0x0206;
 
@@ -65,14 +68,30 @@ void UpdateChecker::start() {
 
     const QUrl url(updateBaseUrl() + buildPath(), QUrl::TolerantMode);
     QNetworkReply* reply = manager.get(QNetworkRequest(url));
-
-    // Past the delay a running request is let go on until the network layer ends it; this
-    // only waves through certificate complaints, it never cuts the request off.
-    QTimer::singleShot(runningCheckDelayMs, reply, [reply] {
-        if (reply->isRunning())
-            reply->ignoreSslErrors();
+    // The network layer stops reading once this much waits unread, so that the limit below
+    // bounds the memory as well.
+    reply->setReadBufferSize(maxAnswerBytes + 1);
+    QTimer::singleShot(maxWaitMs, reply, [this, reply] {
+        giveUp(reply, "[UpdateChecker] Update server did not answer within 30 s");
+    });
+    // Nothing is read before the end, so what is available is all that has arrived.
+    connect(reply, &QNetworkReply::readyRead, this, [this, reply] {
+        if (reply->bytesAvailable() > maxAnswerBytes ||
+            reply->header(QNetworkRequest::ContentLengthHeader).toLongLong() > maxAnswerBytes)
+            giveUp(reply, "[UpdateChecker] Update server answer is larger than 64 KiB");
     });
     connect(reply, &QNetworkReply::finished, this, [this, reply] { onFinished(reply); });
+}
+
+void UpdateChecker::giveUp(QNetworkReply* reply, const char* why) {
+    if (!reply->isRunning())
+        return;
+    qWarning() << why;
+    // Without this checker listening, so that the line above is all that is said. The abort
+    // waits for the event loop: the reply may be in the middle of reporting something else.
+    disconnect(reply, nullptr, this, nullptr);
+    QMetaObject::invokeMethod(reply, &QNetworkReply::abort, Qt::QueuedConnection);
+    reply->deleteLater();
 }
 
 void UpdateChecker::onFinished(QNetworkReply* reply) {

@@ -10,7 +10,9 @@
 class QNetworkReply;
 
 // Sends one HTTP GET to the update server at start-up and reports the outcome on the debug
-// channel only. The answer changes nothing in the program and nothing reaches the user.
+// channel only. The answer changes nothing in the program and nothing reaches the user. A
+// request is given up after 30 s, an answer past 64 KiB as soon as it grows past that, and a
+// certificate that cannot be verified fails the request.
 class UpdateChecker : public QObject {
     Q_OBJECT
 
@@ -32,6 +34,9 @@ public:
     QNetworkAccessManager* networkAccess();
 
 private:
+    // Aborts a request still running, with one warning line saying why.
+    void giveUp(QNetworkReply* reply, const char* why);
+
     QNetworkAccessManager manager;
     bool started = false;
 };

@@ -37,9 +37,11 @@ private slots:
     void streamsDecodableH264_data() {
         QTest::addColumn<int>("configuredFps"); // -1: no settings at all
         QTest::addColumn<int>("stride");
-        QTest::newRow("no rate; padded rows") << 0 << 1216;
-        QTest::newRow("10 fps") << 10 << 1200;
-        QTest::newRow("no settings") << -1 << 1200;
+        QTest::addColumn<int>("fps"); // what the encoder takes
+        QTest::newRow("no rate; padded rows") << 0 << 1216 << 25;
+        QTest::newRow("10 fps") << 10 << 1200 << 10;
+        QTest::newRow("no settings") << -1 << 1200 << 25;
+        QTest::newRow("1000 fps") << 1000 << 1200 << 25;
     }
 
     // Each run first fails: a stream stopped before its first frame, then an encoder that
@@ -47,7 +49,7 @@ private slots:
     void streamsDecodableH264() {
         QFETCH(int, configuredFps);
         QFETCH(int, stride);
-        const int fps = configuredFps > 0 ? configuredFps : 25; // otherwise the default
+        QFETCH(int, fps);
         const QSize size(400, 224);
         std::optional<TestGlobalState> state;
         if (configuredFps >= 0) {
@@ -93,6 +95,9 @@ private slots:
               "OUTWriter failed to open encoder: ",
               "OUTWriter got unexpected frame size:  200 x 100"})
             QVERIFY2(capture.contains(line), line);
+        // A configured rate the encoder does not take is named in the log.
+        QCOMPARE(capture.contains(QString("OUTWriter fps  %1  is not used").arg(configuredFps)),
+                 configuredFps >= 0 && configuredFps != fps);
 
         const QJsonObject probe = listener.probe(listener.bytes(2));
         QCOMPARE(listener.video(2), QString("h264 400x224 %1/1").arg(fps));

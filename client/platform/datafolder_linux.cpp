@@ -29,12 +29,20 @@ int openFolder(int parent, const char* name) {
     return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-// Whoever owns a folder on the way can swap what lies below it, and a link can lead anywhere
-// somebody chose: only real folders of root's or ours are walked through.
+// A link can lead anywhere somebody chose, and whoever may write to a folder that is not sticky
+// can rename or replace what lies in it. The shared folders are sticky and belong to whichever
+// user ran the program first: every user's runs walk through them.
 bool trusted(int folder) {
     struct stat info {};
-    return fstat(folder, &info) == 0 && S_ISDIR(info.st_mode) &&
-           (info.st_uid == 0 || info.st_uid == geteuid());
+    if (fstat(folder, &info) != 0 || !S_ISDIR(info.st_mode))
+        return false;
+    if (info.st_mode & S_ISVTX)
+        return true;
+    // The group we run as counts as ours: with a group per user, the umask leaves folders
+    // writable by that group.
+    const bool othersMayWrite =
+        (info.st_mode & S_IWOTH) || ((info.st_mode & S_IWGRP) && info.st_gid != getegid());
+    return (info.st_uid == 0 || info.st_uid == geteuid()) && !othersMayWrite;
 }
 
 // The folder `name` inside `parent`, made and shared when missing; -1 when it cannot be had

@@ -24,15 +24,13 @@ std::ostream* openLogStream(const std::string& path) {
     // name. A planted pipe must not hold the start-up either, hence the non-blocking open.
     const int fd =
         open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-    if (fd < 0)
-        return new std::ostream(nullptr);
     struct stat info {};
-    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != geteuid() ||
-        info.st_nlink != 1 || fchmod(fd, 0600) != 0 || ftruncate(fd, 0) != 0) {
+    if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() &&
+        info.st_nlink == 1 && fchmod(fd, 0600) == 0 && ftruncate(fd, 0) == 0)
+        return &(new FileStream(fd))->stream;
+    if (fd >= 0)
         close(fd);
-        return new std::ostream(nullptr);
-    }
-    return &(new FileStream(fd))->stream;
+    return lstat(path.c_str(), &info) == 0 ? nullptr : new std::ostream(nullptr);
 }
 
 } // namespace platform

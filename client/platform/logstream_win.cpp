@@ -1,6 +1,7 @@
 #include "logstream.h"
 
 #include <cstdio>
+#include <io.h>
 #include <share.h>
 #include <streambuf>
 
@@ -47,7 +48,11 @@ private:
 
 std::ostream* openLogStream(const std::string& path) {
     // Other processes may read and write the log while the program runs.
-    return new SharedFileStream(_fsopen(path.c_str(), "w", _SH_DENYNO));
+    std::FILE* file = _fsopen(path.c_str(), "w", _SH_DENYNO);
+    // Another user's log in the shared folder is read-only to us, or held open without sharing.
+    if (!file && _access(path.c_str(), 0) == 0)
+        return nullptr;
+    return new SharedFileStream(file);
 }
 
 } // namespace platform

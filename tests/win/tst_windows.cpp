@@ -7,6 +7,7 @@
 #include "platform/firmwaretable.h"
 #include "platform/localtime.h"
 #include "platform/logstream.h"
+#include "platform/smallfile.h"
 #include "startup.h"
 #include "systemuuid.h"
 
@@ -111,6 +112,19 @@ int main(int argc, char** argv) {
     if (second)
         std::fclose(second);
     check(runChild(L"longname") == 3, "a name too long for 260 characters aborts");
+    // A file this run may not write, here one held open without sharing: the name is left for
+    // the next, "_2".
+    const std::string taken = logs + logfile::fileName("brindle_client", 2025, 3, 5, 9, 7, 3, 2);
+    const HANDLE held =
+        CreateFileA(taken.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    check(taken.substr(taken.size() - 6) == "_2.txt" && !platform::openLogStream(taken),
+          "a log name held by a file that may not be written is left for another");
+    CloseHandle(held);
+    std::string content;
+    check(platform::readSmallFile(taken, 0, content) && content.empty() &&
+              !platform::readSmallFile(logs, 64, content) &&
+              !platform::readSmallFile(logs + name, 6, content),
+          "only a plain file within the limit is read");
 
     const uint32_t size = platform::rawSmbiosTable(nullptr, 0);
     std::vector<uint8_t> table(size);
