@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audiotrack.h"
 #include "encodercandidate.h"
 #include "picturescaler.h"
 #include "srtconnection.h"
@@ -83,4 +84,6 @@ private:
     AVFrame* frame = nullptr;
     AVPacket* packet = nullptr;
     PictureScaler scaler;
+    // The sound config.ini asks for, as a second stream of the same output.
+    AudioTrack audio;
 };
