@@ -20,6 +20,12 @@ public:
     // back under the same name.
     bool removeSink() { return pactl({"unload-module", sinkModule}); }
     bool addSink();
+    // A source "brindle_mic" that records what is written into the FIFO `file`, as it is
+    // written: 48 kHz mono signed 16-bit samples.
+    bool addPipeSource(const QString& file) {
+        return pactl({"load-module", "module-pipe-source", "source_name=brindle_mic",
+                      "file=" + file, "format=s16le", "rate=48000", "channels=1"});
+    }
 
 private:
     bool pactl(const QStringList& arguments);
