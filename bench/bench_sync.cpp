@@ -317,6 +317,13 @@ void run(int seconds) {
                 "to 1st pic");
     for (const Row* row : {&quiet, &sounding, &theirs})
         print(*row);
+    // Each offset, in the order of the flashes: a loaded machine shows here as outliers.
+    for (const Row* row : {&sounding, &theirs}) {
+        std::printf("%s, each flash (ms):", qPrintable(row->name));
+        for (double offset : row->offsets)
+            std::printf(" %.0f", offset);
+        std::printf("\n");
+    }
     std::printf("ffmpeg command: ffmpeg %s\n",
                 qPrintable(ffmpeg.arguments(0, 120).join(' ').replace(":0?", ":PORT?")));
     std::fflush(stdout);
