@@ -83,6 +83,10 @@ bool OUTWriter::start(const StreamParams& newSettings, const std::atomic<bool>* 
     return true;
 }
 
+int32_t OUTWriter::audioBitrateKbps() const {
+    return configuredSound().empty() ? 0 : settings.audioBitrateKbps;
+}
+
 bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int frameHeight,
                            int bytesPerLine) {
     if (!active || !data || frameWidth < 1 || frameHeight < 1 || bytesPerLine < 1)
