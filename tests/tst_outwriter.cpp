@@ -194,7 +194,7 @@ private slots:
         const int before = listener.bytes(0).count(QByteArray("\0\0\1\xc0", 4));
         QVERIFY(sound.addSink() && sound.play(1000));
         QVERIFY(writeFrames(writer, 750, 25, size, 960, told(recording, there ? 2 : 1)));
-        QVERIFY(writeFrames(writer, 750, 25, size, 960, sounds(before + 50)));
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, sounds(before + 100)));
         writer.stop();
         QTRY_VERIFY(listener.connectionCount() == 1 && listener.connections()[0].closed);
         QCOMPARE(capture.messages().filter("AudioTrack").size(), there ? 3 : 2);
