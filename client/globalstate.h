@@ -11,6 +11,7 @@ struct StreamConfig {
     int32_t bitrate = 1000000;
     QString codec;
     QString framesize;
+    QString audio;    // the sound source: none (also when empty), default, output or its own name
     QString reserved; // nothing sets it
 };
 

@@ -67,6 +67,7 @@ void MainWindow::loadGlobalState() {
     streamConfig.codec = configReader.value("codec", "libopenh264");
     streamConfig.framesize =
         configReader.value("framesize", std::to_string(1920) + "x" + std::to_string(1080));
+    streamConfig.audio = configReader.value("audio", "none");
 
     const char* path = platform::settingsPath();
     settingsStore =

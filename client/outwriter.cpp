@@ -47,6 +47,13 @@ EncoderConfig configuredEncoder() {
     return config;
 }
 
+// config.ini's `audio`: empty when the stream carries no sound.
+std::string configuredSound() {
+    const QString source =
+        globalState && globalState->config() ? globalState->config()->audio.trimmed() : QString();
+    return source == QLatin1String("none") ? std::string() : source.toUtf8().toStdString();
+}
+
 } // namespace
 
 OUTWriter::OUTWriter() = default;
@@ -80,6 +87,10 @@ bool OUTWriter::start(const StreamParams& newSettings, const std::atomic<bool>* 
     return true;
 }
 
+int32_t OUTWriter::audioBitrateKbps() const {
+    return configuredSound().empty() ? 0 : settings.audioBitrateKbps;
+}
+
 bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int frameHeight,
                            int bytesPerLine) {
     if (!active || !data || frameWidth < 1 || frameHeight < 1 || bytesPerLine < 1)
@@ -92,7 +103,9 @@ bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int fra
     }
     // Same size in and out: only the colour conversion and chroma subsampling happen, so the
     // fastest filter loses nothing. Time stamps count frames.
-    if (prepareScaler(AV_PIX_FMT_RGB24, width, height, SWS_FAST_BILINEAR) &&
+    const int64_t frameMs = av_rescale_q(lastPts + 1, codec->time_base, AVRational{1, 1000});
+    if (audio.writePackets(output, frameMs) &&
+        prepareScaler(AV_PIX_FMT_RGB24, width, height, SWS_FAST_BILINEAR) &&
         encodeFrame(data, bytesPerLine, lastPts + 1))
         return true;
     if (error.empty())
@@ -112,7 +125,8 @@ bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pict
     const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
     if (pts <= lastPts)
         return true;
-    if (prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
+    if (audio.writePackets(output, dueMs) &&
+        prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
         encodeFrame(data, stride, pts))
         return true;
     if (error.empty())
@@ -268,6 +282,8 @@ bool OUTWriter::initOutput() {
     // arrives; without it a receiving demuxer holds each picture until the next one starts,
     // which costs every viewer a whole frame period of delay.
     av_opt_set_int(output->priv_data, "omit_video_pes_length", 0, 0);
+    if (!audio.addStream(output, configuredSound(), settings.audioBitrateKbps))
+        return false;
     const int written = avformat_write_header(output, nullptr);
     if (written < 0) {
         logLine("OUTWriter failed to write output header: ", errorText(written));
@@ -317,7 +333,8 @@ bool OUTWriter::drainEncoder(bool flush) {
         }
         av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
         packet->stream_index = stream->index;
-        const int written = av_interleaved_write_frame(output, packet);
+        // Written at once: interleaving would hold each picture back until sound came after it.
+        const int written = av_write_frame(output, packet);
         av_packet_unref(packet);
         if (written < 0) {
             logLine("OUTWriter failed to write packet: ", errorText(written));
@@ -345,6 +362,7 @@ int OUTWriter::writePacket(void* opaque, uint8_t* buffer, int size) {
 }
 
 void OUTWriter::releaseAll() {
+    audio.stop();
     scaler.release();
     av_packet_free(&packet);
     av_frame_free(&frame);

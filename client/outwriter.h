@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audiotrack.h"
 #include "encodercandidate.h"
 #include "picturescaler.h"
 #include "srtconnection.h"
@@ -50,6 +51,10 @@ public:
     const std::string& lastError() const { return error; }
     // True while a live stream's connection is down and being re-established.
     bool linkDown() const { return connection.linkStats().down(); }
+    // What the sound takes of the link, in kbit/s: the configured audio bitrate when config.ini
+    // asks for sound (also while its source is away, since it comes back), else 0. The picture's
+    // share is what is left.
+    int32_t audioBitrateKbps() const;
 
 private:
     bool openStream(int newWidth, int newHeight);
@@ -83,4 +88,6 @@ private:
     AVFrame* frame = nullptr;
     AVPacket* packet = nullptr;
     PictureScaler scaler;
+    // The sound config.ini asks for, as a second stream of the same output.
+    AudioTrack audio;
 };

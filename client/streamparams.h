@@ -8,6 +8,6 @@ struct StreamParams {
     std::string hostPort;
     std::string streamId;
     int32_t videoBitrateKbps = 5000;
-    int32_t audioBitrateKbps = 128; // logged only: no audio is produced
+    int32_t audioBitrateKbps = 128; // the sound's, when config.ini asks for sound
     int32_t latency = 10;           // SRT peer latency, milliseconds
 };

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the benchmark programs, on an X server of our own when none is set.
-# BENCH_SECONDS: length of each measured run of bench_capture (default 20; 60 for figures).
+# BENCH_SECONDS: length of each measured run of bench_capture and bench_sync (default 20; 60 for
+# figures).
 # BENCH_OUTAGE_SECONDS: how long the server stays away in bench_outage (default 60).
 # BENCH_REFUSAL_SECONDS: how long the server refuses every handshake in bench_refusal (default 60).
 set -euo pipefail
@@ -17,3 +18,4 @@ fi
 "$root/build/bench/bench_capture" "$seconds"
 "$root/build/bench/bench_outage" "${BENCH_OUTAGE_SECONDS:-60}"
 "$root/build/bench/bench_refusal" "${BENCH_REFUSAL_SECONDS:-60}"
+"$root/build/bench/bench_sync" "$seconds"

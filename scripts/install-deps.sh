@@ -8,6 +8,7 @@ packages=(
     libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
     libsrt-gnutls-dev srt-tools
     libxcb1-dev libxcb-shm0-dev
+    libpulse-dev pulseaudio pulseaudio-utils
     ffmpeg
     xvfb xauth xdotool
     libyuv-dev

@@ -2,30 +2,49 @@
 #include "support/freeport.h"
 #include "support/messagecapture.h"
 #include "support/patternwindow.h"
+#include "support/soundserver.h"
 #include "support/srtlistener.h"
 #include "support/testglobalstate.h"
 
 #include <QtTest>
+#include <cmath>
+#include <functional>
 #include <optional>
 
 namespace {
 
 // Writes `count` frames of the four-colour picture, each row padded to `stride`, handed over
-// at `fps` as the tick generator does.
-bool writeFrames(OUTWriter& writer, int count, int fps, QSize size, int stride) {
+// at `fps` as the tick generator does; fewer once `until` holds.
+bool writeFrames(
+    OUTWriter& writer, int count, int fps, QSize size, int stride,
+    const std::function<bool()>& until = [] { return false; }) {
     QByteArray frame(stride * size.height(), '\x55');
     QImage picture(reinterpret_cast<uchar*>(frame.data()), size.width(), size.height(), stride,
                    QImage::Format_RGB888);
     PatternWindow::paint(&picture);
     QElapsedTimer clock;
     clock.start();
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count && !until(); ++i) {
         QThread::msleep(qMax<qint64>(0, i * 1000 / fps - clock.elapsed()));
         if (!writer.writeFrame(reinterpret_cast<const uint8_t*>(frame.constData()), frame.size(),
                                size.width(), size.height(), stride))
             return false;
     }
     return true;
+}
+
+// How much of 48 kHz sound is one frequency (Goertzel): near 1 for a pure tone of it.
+double toneShare(const QByteArray& pcm, int from, int to, double hz) {
+    const auto* samples = reinterpret_cast<const int16_t*>(pcm.constData());
+    const double k = 2 * std::cos(2 * M_PI * hz / 48000);
+    double a = 0, b = 0, total = 1;
+    for (int i = from; i < to; ++i) {
+        const double c = samples[i] + k * a - b;
+        b = a;
+        a = c;
+        total += double(samples[i]) * samples[i];
+    }
+    return 2 * (a * a + b * b - k * a * b) / ((to - from) * total);
 }
 
 } // namespace
@@ -135,6 +154,76 @@ private slots:
             QCOMPARE(decoded.size(), size);
             QVERIFY2(PatternWindow::worstError(decoded, 8) < 12, qPrintable(QString::number(i)));
         }
+    }
+
+    void carriesSound_data() {
+        QTest::addColumn<bool>("there");
+        QTest::addColumn<QString>("loss");
+        QTest::newRow("goes while live") << true << "brindle.monitor went away";
+        QTest::newRow("missing at the start") << false << "No sound source output";
+    }
+
+    // What the machine plays reaches the server as a second track; a source that is missing or
+    // goes away while live costs one log line and no picture, and its sound comes when it does.
+    void carriesSound() {
+        QFETCH(bool, there);
+        QFETCH(QString, loss);
+        SoundServer sound;
+        QVERIFY(sound.start() && (there ? sound.play(1000) : sound.removeSink()));
+        TestGlobalState state;
+        state.streamConfig.audio = "output";
+        MessageCapture capture;
+        SrtListener listener;
+        const uint16_t port = freeLoopbackPort(true);
+        QVERIFY(listener.start(port));
+        StreamParams params;
+        params.hostPort = "127.0.0.1:" + std::to_string(port);
+        OUTWriter writer;
+        QVERIFY(writer.start(params));
+        const QSize size(320, 240);
+        const auto told = [&capture](const char* line, int times) {
+            return
+                [&capture, line, times] { return capture.messages().filter(line).size() == times; };
+        };
+        // Sound PES that arrived, counted from their headers.
+        const auto sounds = [&listener](int count) {
+            return [&listener, count] {
+                return listener.bytes(0).count(QByteArray("\0\0\1\xc0", 4)) >= count;
+            };
+        };
+        const char* recording = "AudioTrack recording from  brindle.monitor";
+        QVERIFY(!there || writeFrames(writer, 750, 25, size, 960, sounds(50)));
+        QVERIFY(!there || sound.removeSink());
+        const QByteArray lossLine = loss.toUtf8();
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, told(lossLine.constData(), 1)));
+        const int before = listener.bytes(0).count(QByteArray("\0\0\1\xc0", 4));
+        QVERIFY(sound.addSink() && sound.play(1000));
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, told(recording, there ? 2 : 1)));
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, sounds(before + 100)));
+        writer.stop();
+        QTRY_VERIFY(listener.connectionCount() == 1 && listener.connections()[0].closed);
+        QCOMPARE(capture.messages().filter("AudioTrack").size(), there ? 3 : 2);
+
+        const QJsonObject probe = listener.probe(listener.bytes(0));
+        const QJsonObject track = probe["streams"].toArray()[1].toObject();
+        QCOMPARE(track["codec_name"].toString() + track["profile"].toString() +
+                     track["sample_rate"].toString(),
+                 QString("aacLC48000"));
+        // Every picture arrives, one period after the one before.
+        int64_t last = -1;
+        for (const QJsonValue frame : probe["frames"].toArray()) {
+            if (frame["media_type"] != "video")
+                continue;
+            const int64_t pts = frame["pts"].toVariant().toLongLong();
+            QVERIFY2(last < 0 || pts - last == 3600, qPrintable(QString::number(pts)));
+            last = pts;
+        }
+        // The tone, before the source went and after it came back.
+        const QByteArray pcm = listener.sound(0);
+        const int samples = pcm.size() / 2;
+        QVERIFY(samples > 48000);
+        QVERIFY(!there || toneShare(pcm, 4800, 28800, 1000) > 0.5);
+        QVERIFY(toneShare(pcm, samples - 28800, samples - 4800, 1000) > 0.5);
     }
 };
 

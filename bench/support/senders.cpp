@@ -108,14 +108,25 @@ void ExecutableSender::stop() {
 }
 
 QStringList FfmpegSender::arguments(uint16_t port, int latencyMs) const {
-    return {"-hide_banner", "-loglevel", "error", "-nostdin", "-f", "x11grab", "-framerate", "25",
-            "-video_size", QString("%1x%2").arg(area.width()).arg(area.height()), "-i",
-            QString("%1+%2,%3").arg(qEnvironmentVariable("DISPLAY")).arg(area.x()).arg(area.y()),
-            "-vf", "scale=1920:1080", "-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset",
-            "veryfast", "-tune", "zerolatency", "-b:v", "5M", "-g", "25", "-bf", "0", "-f",
-            "mpegts",
-            // The listener's latency, in the microseconds ffmpeg counts it in.
-            QString("srt://127.0.0.1:%1?pkt_size=1316&latency=%2").arg(port).arg(latencyMs * 1000)};
+    QStringList arguments =
+        QString("-hide_banner -loglevel error -nostdin -f x11grab -framerate 25").split(' ');
+    arguments
+        << "-video_size" << QString("%1x%2").arg(area.width()).arg(area.height()) << "-i"
+        << QString("%1+%2,%3").arg(qEnvironmentVariable("DISPLAY")).arg(area.x()).arg(area.y());
+    // 10 ms fragments, as the program asks its sound server for. Both inputs keep their own
+    // time stamps, which come from the same clock: shifting each to start at 0 would move the
+    // sound against the picture by the time between the two inputs' starts.
+    if (!sound.isEmpty())
+        arguments
+            << QString("-copyts -f pulse -sample_rate 48000 -fragment_size 1920 -i").split(' ')
+            << sound << QString("-c:a aac -b:a 128k").split(' ');
+    arguments << QString("-vf scale=1920:1080 -pix_fmt yuv420p -c:v libx264 -preset veryfast -tune "
+                         "zerolatency -b:v 5M -g 25 -bf 0 -f mpegts")
+                     .split(' ');
+    // The listener's latency, in the microseconds ffmpeg counts it in.
+    return arguments << QString("srt://127.0.0.1:%1?pkt_size=1316&latency=%2")
+                            .arg(port)
+                            .arg(latencyMs * 1000);
 }
 
 bool FfmpegSender::start(uint16_t port, int latencyMs) {

@@ -163,3 +163,8 @@ QImage SrtListener::picture(std::size_t connection, int index) const {
                             "PPM")
         .convertToFormat(QImage::Format_RGB888);
 }
+
+QByteArray SrtListener::sound(std::size_t connection) const {
+    return runTool(bytes(connection), "ffmpeg",
+                   QString("-v error -i IN -map 0:a -ac 1 -ar 48000 -f s16le -").split(' '));
+}

@@ -49,6 +49,8 @@ public:
     // The one video stream's codec, size and rate, as in "h264 1920x1080 25/1"; empty unless
     // exactly one stream arrived.
     QString video(std::size_t connection) const;
+    // The sound of one connection's payload, decoded to 48 kHz mono signed 16-bit samples.
+    QByteArray sound(std::size_t connection) const;
     // One decoded picture of one connection's payload at the stream's size; null on failure.
     QImage picture(std::size_t connection, int index) const;
 

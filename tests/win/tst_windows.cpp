@@ -3,6 +3,7 @@
 #include "crashreporting.h"
 #include "installrecord.h"
 #include "logfilepath.h"
+#include "platform/audiocapture.h"
 #include "platform/datafolder.h"
 #include "platform/firmwaretable.h"
 #include "platform/localtime.h"
@@ -166,6 +167,14 @@ int main(int argc, char** argv) {
 
     check(runChild(L"entry \"Gr\u00FC\u00DFe aus K\u00F6ln am Rhein\" plain") == 7,
           "wide arguments reach the entry in code page 0");
+
+    // Whatever devices Wine's audio engine finds, an unknown source is refused by its name, and
+    // a capture told to stop waits for nothing.
+    platform::AudioCapture sound;
+    check(!sound.open("Brindle's none") && sound.lastError() == "No sound source Brindle's none",
+          "an unknown sound source is refused by name");
+    sound.interrupt();
+    check(!sound.open("output") && sound.lastError().empty(), "a stopped capture opens nothing");
 
     std::printf("%d failed\n", failed);
     return failed == 0 ? 0 : 1;
