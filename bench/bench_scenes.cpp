@@ -8,7 +8,8 @@
 // that brought no frame, and the CPU time per frame of the sending process, with our CPU per
 // frame over ffmpeg's against its goal.
 //
-// Usage: bench_scenes [seconds]   (default 60 per run; needs DISPLAY and ffmpeg)
+// Usage: bench_scenes [seconds [still|pages|moving]]   (default 60 per run, every scene; needs
+// DISPLAY and ffmpeg)
 
 #include "capturestreamer.h"
 #include "startup.h"
@@ -117,7 +118,10 @@ int main(int argc, char** argv) {
 
     InProcessSender ours(*streamer);
     FfmpegSender ffmpeg(area);
+    const QByteArray only = argc > 2 ? QByteArray("--").append(argv[2]) : QByteArray();
     for (const Scene& scene : scenes) {
+        if (!only.isEmpty() && only != scene.argument)
+            continue;
         const SceneProcess shown(scene.argument);
         const Measurement a = measureSender(ours, seconds, latencyMs, false);
         const Measurement b = measureSender(ffmpeg, seconds, latencyMs, false);
