@@ -14,11 +14,6 @@ int64_t millisecondsSince(std::chrono::steady_clock::time_point start) {
         .count();
 }
 
-void sleepMilliseconds(int64_t milliseconds) {
-    if (milliseconds > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
 } // namespace
 
 void tickWorkerThread(TickState* state, ITickHandler* handler) {
@@ -58,8 +53,9 @@ void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
             if (remaining < 1)
                 continue; // behind schedule: raise the next tick at once
         }
-        // Waking a millisecond early and spinning through the last one keeps the beat exact.
-        sleepMilliseconds(remaining - 1);
+        // Asleep until the tick's own moment: the clock's wake-up keeps the beat to well
+        // under a millisecond without spinning through the last one on a processor.
+        std::this_thread::sleep_until(start + std::chrono::milliseconds(next));
     }
     flags->runningFlag = false;
     // Set before the mutex is taken: the worker may hold it through a tick that ends only once
