@@ -123,8 +123,10 @@ int main(int argc, char** argv) {
         if (!only.isEmpty() && only != scene.argument)
             continue;
         const SceneProcess shown(scene.argument);
-        const Measurement a = measureSender(ours, seconds, latencyMs, false);
+        // ffmpeg first: once stopped, the program shows its start form over the area, which only
+        // the next scene's window covers again.
         const Measurement b = measureSender(ffmpeg, seconds, latencyMs, false);
+        const Measurement a = measureSender(ours, seconds, latencyMs, false);
         std::printf("%s\n", scene.name);
         printRow("Brindlewave", a);
         printRow("ffmpeg x11grab", b);
