@@ -144,6 +144,7 @@ CaptureSource::Area CaptureSource::area() const {
 
 const platform::GrabbedPicture* CaptureSource::grab() {
     unusableLayout = false;
+    unchangedPicture = false;
     if (skipping)
         return nullptr;
     if (!systemTried) {
@@ -155,6 +156,10 @@ const platform::GrabbedPicture* CaptureSource::grab() {
     if (!systemOpen)
         return fromToolkit();
     const QRect device = area().device;
+    if (!system.changedSinceGrab(device.x(), device.y(), device.width(), device.height())) {
+        unchangedPicture = true;
+        return &picture;
+    }
     if (system.grab(device.x(), device.y(), device.width(), device.height(), picture))
         return &picture;
     if (!systemFailureLogged) {

@@ -57,6 +57,9 @@ public:
     // pixels cannot be converted at all. The picture stays valid until the next grab.
     const platform::GrabbedPicture* grab();
     bool unusable() const { return unusableLayout; }
+    // Set by the last grab() when the display reported no change under the frame since the
+    // grab before: the picture it returned is that grab's, not taken again.
+    bool unchanged() const { return unchangedPicture; }
     const std::string& lastError() const { return error; }
 
 public Q_SLOTS:
@@ -82,6 +85,7 @@ private:
     bool systemOpen = false;
     bool systemFailureLogged = false;
     bool unusableLayout = false;
+    bool unchangedPicture = false;
     std::string error;
     QImage toolkitInUse;
     platform::GrabbedPicture picture;

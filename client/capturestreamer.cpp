@@ -188,9 +188,13 @@ void CaptureStreamer::onTick(const Tick& tick) {
         const platform::GrabbedPicture* picture = source.grab();
         if (!picture && !source.unusable())
             return;
-        if (picture &&
-            writer.writePicture(picture->data, pixelFormatOf(picture->layout), picture->width,
-                                picture->height, picture->stride, tick.dueMs))
+        // Nothing changed under the frame: the encoder gets the picture it already has, with
+        // this tick's time stamp, so the stream keeps its rate.
+        if (picture && (source.unchanged() && writer.holdsPicture()
+                            ? writer.repeatPicture(tick.dueMs)
+                            : writer.writePicture(picture->data, pixelFormatOf(picture->layout),
+                                                  picture->width, picture->height, picture->stride,
+                                                  tick.dueMs)))
             return;
         liveRun = 0;
         writer.stop();

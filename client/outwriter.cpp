@@ -97,6 +97,7 @@ bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int fra
         return false;
     if (!openStream(frameWidth, frameHeight))
         return false;
+    pictureHeld = false;
     if (frameWidth != width || frameHeight != height) {
         logLine("OUTWriter got unexpected frame size: ", frameWidth, "x", frameHeight);
         return true;
@@ -123,15 +124,33 @@ bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pict
     // Ticks come at their own period; a tick that falls into the period of the frame before
     // it brings nothing that stream needs, and its time stamp would not be strictly later.
     const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
+    // A picture left out is not the one the encoder holds.
+    pictureHeld = false;
     if (pts <= lastPts)
         return true;
-    if (audio.writePackets(output, dueMs) &&
-        prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
-        encodeFrame(data, stride, pts))
+    pictureHeld = audio.writePackets(output, dueMs) &&
+                  prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
+                  encodeFrame(data, stride, pts);
+    if (pictureHeld)
         return true;
     if (error.empty())
         error = "No connection to server";
     active = false;
+    return false;
+}
+
+bool OUTWriter::repeatPicture(int64_t dueMs) {
+    if (!active || !pictureHeld || dueMs < 0)
+        return false;
+    const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
+    if (pts <= lastPts)
+        return true;
+    if (audio.writePackets(output, dueMs) && sendFrame(pts))
+        return true;
+    if (error.empty())
+        error = "No connection to server";
+    active = false;
+    pictureHeld = false;
     return false;
 }
 
@@ -301,6 +320,11 @@ bool OUTWriter::encodeFrame(const uint8_t* data, int stride, int64_t pts) {
         return false;
     }
     scaler.scale(data, stride, frame);
+    return sendFrame(pts);
+}
+
+bool OUTWriter::sendFrame(int64_t pts) {
+    // The encoder takes a reference of its own and copies the picture in; the frame stays ours.
     // Back after an outage, the stream starts again with a key frame, which the muxer precedes
     // with its tables: the server's viewers see a picture at once, not at the next key frame.
     frame->pict_type = connection.resumed() ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
@@ -382,6 +406,7 @@ void OUTWriter::releaseAll() {
     }
     stream = nullptr;
     initialised = false;
+    pictureHeld = false;
     width = height = 0;
     frameIndex = 0;
     lastPts = -1;

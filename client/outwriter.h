@@ -46,6 +46,11 @@ public:
     // picture's tick fell due, in milliseconds from the stream's start: the time stamp.
     bool writePicture(const uint8_t* data, AVPixelFormat format, int width, int height, int stride,
                       int64_t dueMs);
+    // True while the encoder's picture is the one the last writePicture() converted.
+    bool holdsPicture() const { return pictureHeld; }
+    // The live path when nothing under the frame changed since that picture: it goes to the
+    // encoder again, unconverted, with dueMs as its time stamp. Only while holdsPicture().
+    bool repeatPicture(int64_t dueMs);
     // Flushes and closes whatever runs; harmless when nothing does.
     void stop();
     const std::string& lastError() const { return error; }
@@ -63,6 +68,7 @@ private:
     bool initOutput();
     bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
     bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
+    bool sendFrame(int64_t pts);
     bool drainEncoder(bool flush);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
@@ -80,6 +86,7 @@ private:
     int32_t height = 0;
     int64_t frameIndex = 0;
     int64_t lastPts = -1;
+    bool pictureHeld = false;
     AVFormatContext* output = nullptr;
     AVIOContext* io = nullptr;
     uint8_t* ioBuffer = nullptr;

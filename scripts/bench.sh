@@ -4,6 +4,7 @@
 # figures).
 # BENCH_OUTAGE_SECONDS: how long the server stays away in bench_outage (default 60).
 # BENCH_REFUSAL_SECONDS: how long the server refuses every handshake in bench_refusal (default 60).
+# BENCH_SCENE_SECONDS: length of each measured run of bench_scenes (default 60).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${BENCH_SECONDS:-20}
@@ -16,6 +17,8 @@ fi
 "$root/build/bench/bench_outwriter" 250
 "$root/build/bench/bench_scaler" 100
 "$root/build/bench/bench_capture" "$seconds"
+"$root/build/bench/bench_stillencoder" 500
+"$root/build/bench/bench_scenes" "${BENCH_SCENE_SECONDS:-60}"
 "$root/build/bench/bench_outage" "${BENCH_OUTAGE_SECONDS:-60}"
 "$root/build/bench/bench_refusal" "${BENCH_REFUSAL_SECONDS:-60}"
 "$root/build/bench/bench_sync" "$seconds"

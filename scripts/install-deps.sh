@@ -7,7 +7,7 @@ packages=(
     qtbase5-dev
     libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
     libsrt-gnutls-dev srt-tools
-    libxcb1-dev libxcb-shm0-dev
+    libxcb1-dev libxcb-shm0-dev libxcb-damage0-dev
     libpulse-dev pulseaudio pulseaudio-utils
     ffmpeg
     xvfb xauth xdotool

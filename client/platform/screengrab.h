@@ -38,6 +38,10 @@ public:
     // reason in lastError() when the area cannot be grabbed (for example when it reaches
     // beyond the screen); the grab stays usable for other areas.
     bool grab(int x, int y, int width, int height, GrabbedPicture& picture);
+    // False only when the display reports that nothing in the area changed since the last
+    // successful grab, which took this same area: the picture that grab gave is still the
+    // screen's and stays valid. True wherever the display does not report its changes.
+    bool changedSinceGrab(int x, int y, int width, int height);
     const std::string& lastError() const { return error; }
 
 private:

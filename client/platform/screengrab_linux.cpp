@@ -1,7 +1,9 @@
 #include "screengrab.h"
 
+#include <xcb/damage.h>
 #include <xcb/shm.h>
 #include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 
 #include <cstdlib>
 #include <sys/ipc.h>
@@ -57,13 +59,59 @@ PixelLayout layoutOf(const xcb_format_t& pixmap, const xcb_visualtype_t& visual,
 
 } // namespace
 
-// The connection, the shared segment and the server's attachment to it: each made and freed
-// only here.
+// The connection, the shared segment and the server's attachment to it, the damage record and
+// the region it is read through: each made and freed only here.
 struct ScreenGrab::Display {
     ~Display() {
         releaseSegment();
+        if (watching) {
+            xcb_damage_destroy(connection, damage);
+            xcb_xfixes_destroy_region(connection, changes);
+        }
         if (connection)
             xcb_disconnect(connection);
+    }
+
+    // Where the server does not report what changed, every grab is taken afresh.
+    void watchChanges() {
+        const xcb_query_extension_reply_t* damageExtension =
+            xcb_get_extension_data(connection, &xcb_damage_id);
+        const xcb_query_extension_reply_t* fixesExtension =
+            xcb_get_extension_data(connection, &xcb_xfixes_id);
+        if (!damageExtension || !damageExtension->present || !fixesExtension ||
+            !fixesExtension->present)
+            return;
+        // Both extensions serve only a client that has said which version it speaks; regions
+        // came with version 2 of the fixes.
+        xcb_xfixes_query_version_reply_t* fixes = xcb_xfixes_query_version_reply(
+            connection, xcb_xfixes_query_version(connection, 2, 0), nullptr);
+        xcb_damage_query_version_reply_t* spoken = xcb_damage_query_version_reply(
+            connection, xcb_damage_query_version(connection, 1, 1), nullptr);
+        const bool usable = fixes && spoken && fixes->major_version >= 2;
+        std::free(fixes);
+        std::free(spoken);
+        if (!usable)
+            return;
+        changes = xcb_generate_id(connection);
+        xcb_xfixes_create_region(connection, changes, 0, nullptr);
+        damage = xcb_generate_id(connection);
+        // The record is read when a tick asks, so a single report when it fills is all the
+        // server needs to send: nothing piles up while no one asks.
+        xcb_generic_error_t* refused = xcb_request_check(
+            connection,
+            xcb_damage_create_checked(connection, damage, root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY));
+        if (refused) {
+            std::free(refused);
+            xcb_xfixes_destroy_region(connection, changes);
+            return;
+        }
+        watching = true;
+    }
+
+    // The reports say only that the record filled; the record itself is what is read.
+    void dropEvents() {
+        while (xcb_generic_event_t* event = xcb_poll_for_event(connection))
+            std::free(event);
     }
 
     void releaseSegment() {
@@ -120,6 +168,14 @@ struct ScreenGrab::Display {
     bool attached = false;
     uint8_t* memory = nullptr;
     std::size_t capacity = 0;
+    bool watching = false;
+    xcb_damage_damage_t damage = 0;
+    xcb_xfixes_region_t changes = 0;
+    // The area of the last successful grab; empty when there is none.
+    int grabbedX = 0;
+    int grabbedY = 0;
+    int grabbedWidth = 0;
+    int grabbedHeight = 0;
 };
 
 ScreenGrab::ScreenGrab() = default;
@@ -157,6 +213,7 @@ bool ScreenGrab::open() {
     opened->root = screen->root;
     opened->bitsPerPixel = pixmap->bits_per_pixel;
     opened->scanlinePad = pixmap->scanline_pad;
+    opened->watchChanges();
     display = std::move(opened);
     error.clear();
     return true;
@@ -171,10 +228,15 @@ bool ScreenGrab::grab(int x, int y, int width, int height, GrabbedPicture& pictu
         error = "The area to grab is empty or too large";
         return false;
     }
+    display->grabbedWidth = 0;
     const int pad = display->scanlinePad;
     const int stride = (width * display->bitsPerPixel + pad - 1) / pad * pad / 8;
     if (!display->reserve(static_cast<std::size_t>(stride) * height, error))
         return false;
+    // Emptied before the grab, in the same stream of requests: whatever is drawn after the grab
+    // is in the record when the next tick reads it, and nothing drawn before is.
+    if (display->watching)
+        xcb_damage_subtract(display->connection, display->damage, XCB_NONE, XCB_NONE);
     xcb_generic_error_t* failed = nullptr;
     xcb_shm_get_image_reply_t* reply = xcb_shm_get_image_reply(
         display->connection,
@@ -195,7 +257,37 @@ bool ScreenGrab::grab(int x, int y, int width, int height, GrabbedPicture& pictu
     picture.width = width;
     picture.height = height;
     picture.stride = stride;
+    display->grabbedX = x;
+    display->grabbedY = y;
+    display->grabbedWidth = width;
+    display->grabbedHeight = height;
     return true;
+}
+
+bool ScreenGrab::changedSinceGrab(int x, int y, int width, int height) {
+    if (!display || !display->watching)
+        return true;
+    Display& d = *display;
+    if (d.grabbedWidth == 0 || x != d.grabbedX || y != d.grabbedY || width != d.grabbedWidth ||
+        height != d.grabbedHeight)
+        return true;
+    // Emptied into the region and read back in one round trip, which also brings in all that
+    // the server drew before it: the answer is as fresh as a grab would be.
+    xcb_damage_subtract(d.connection, d.damage, XCB_NONE, d.changes);
+    xcb_xfixes_fetch_region_reply_t* reply = xcb_xfixes_fetch_region_reply(
+        d.connection, xcb_xfixes_fetch_region(d.connection, d.changes), nullptr);
+    d.dropEvents();
+    if (!reply)
+        return true;
+    const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(reply);
+    const int count = xcb_xfixes_fetch_region_rectangles_length(reply);
+    bool changed = false;
+    for (int i = 0; i < count && !changed; ++i) {
+        const xcb_rectangle_t& r = rectangles[i];
+        changed = r.x < x + width && x < r.x + r.width && r.y < y + height && y < r.y + r.height;
+    }
+    std::free(reply);
+    return changed;
 }
 
 } // namespace platform

@@ -19,4 +19,8 @@ bool ScreenGrab::grab(int, int, int, int, GrabbedPicture&) {
     return false;
 }
 
+bool ScreenGrab::changedSinceGrab(int, int, int, int) {
+    return true;
+}
+
 } // namespace platform

@@ -14,12 +14,12 @@ PatternWindow::PatternWindow(QRect area)
     lower();
 }
 
-void PatternWindow::paint(QPaintDevice* device) {
+void PatternWindow::paint(QPaintDevice* device, bool turned) {
     QPainter painter(device);
     const double width = device->width() * 0.5, height = device->height() * 0.5;
     for (int quadrant = 0; quadrant < 4; ++quadrant)
         painter.fillRect(QRectF(quadrant % 2 * width, quadrant / 2 * height, width, height),
-                         colours[quadrant]);
+                         colours[turned ? 3 - quadrant : quadrant]);
 }
 
 int PatternWindow::worstError(const QImage& picture, int inset) {

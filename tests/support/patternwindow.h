@@ -14,13 +14,15 @@ public:
 
     explicit PatternWindow(QRect area);
 
-    // Paints the four quadrants over the whole of `device`.
-    static void paint(QPaintDevice* device);
+    // Paints the four quadrants over the whole of `device`, turned half round when `turned`.
+    static void paint(QPaintDevice* device, bool turned = false);
+    // Shown turned half round from the next paint on.
+    bool turned = false;
 
     // Largest channel difference between the quadrants' colours and `picture` (of any size) at
     // the quadrants' centres and at their outer corners `inset` pixels in.
     static int worstError(const QImage& picture, int inset);
 
 protected:
-    void paintEvent(QPaintEvent*) override { paint(this); }
+    void paintEvent(QPaintEvent*) override { paint(this, turned); }
 };
