@@ -1,0 +1,103 @@
+#include "ratecontroller.h"
+
+#include <algorithm>
+
+namespace {
+
+// Chosen by bench_link through tools/netrelay (see the README's link section).
+//
+// A queue of this many milliseconds beyond the least round trip means the link is full: above
+// the jitter of a quiet link and of libsrt's smoothed round trip (a few ms on loopback, about
+// 10 ms through a relay with 1 % loss), well below a receiver latency of 120 ms.
+constexpr double fullQueueMs = 40;
+// Below this the link has room to climb into.
+constexpr double emptyQueueMs = 15;
+// Loss of this share in one reading is a queue overflowing; random loss of an uplink (1 %)
+// stays well below it.
+constexpr double bulkLossShare = 0.08;
+constexpr int64_t fewPackets = 20;
+// One step down removes the excess of a link that halved at once within three readings.
+constexpr double decreaseFactor = 0.75;
+// The link needs a round trip and libsrt's smoothing to show the effect of a step down.
+constexpr int64_t holdAfterDecreaseMs = 750;
+// No climb for this long after a step down: the link just proved where its edge is.
+constexpr int64_t calmAfterDecreaseMs = 2000;
+// Climbing: this share of the target per second, at least the fixed step; from 1.5 to
+// 5 Mbit/s in about 9 s.
+constexpr double climbPerSecond = 0.15;
+constexpr double climbStepKbpsPerSecond = 100;
+// The encoder uses less than this share of its target: the link has not been tried.
+constexpr double appLimitedShare = 0.5;
+// A new connection starts at this share of the ceiling and climbs while the link allows.
+constexpr double startShare = 0.5;
+// The least round trip is the least of the current window and the one before, so that a
+// route that got longer is learnt within two windows.
+constexpr int64_t rttWindowMs = 5000;
+
+} // namespace
+
+RateController::RateController(int32_t ceilingKbps, int32_t otherKbps)
+    : ceiling(std::max(floorKbps, ceilingKbps) + std::max(0, otherKbps)),
+      other(std::max(0, otherKbps)),
+      total(std::max(floorKbps + other, static_cast<int32_t>(ceiling * startShare))) {}
+
+void RateController::restart() {
+    minRttMs = windowMinRttMs = 0;
+    windowStartMs = lastMs = decreasedAtMs = -1;
+}
+
+int32_t RateController::videoKbps() const {
+    return std::max(floorKbps, total - other);
+}
+
+void RateController::forgetOldRtt(int64_t nowMs) {
+    if (windowStartMs < 0) {
+        windowStartMs = nowMs;
+        return;
+    }
+    if (nowMs - windowStartMs < rttWindowMs)
+        return;
+    minRttMs = windowMinRttMs;
+    windowMinRttMs = 0;
+    windowStartMs = nowMs;
+}
+
+bool RateController::congested(const Sample& sample, double queueMs) const {
+    if (sample.dropped > 0 || queueMs > fullQueueMs)
+        return true;
+    if (sample.sent >= fewPackets &&
+        static_cast<double>(sample.lost) > bulkLossShare * static_cast<double>(sample.sent))
+        return true;
+    // Unacknowledged data older than the round trip and a full queue: the link is behind.
+    return minRttMs > 0 && sample.bufferedMs > minRttMs + 2 * fullQueueMs;
+}
+
+int32_t RateController::update(const Sample& sample) {
+    forgetOldRtt(sample.nowMs);
+    if (sample.rttMs > 0) {
+        if (windowMinRttMs <= 0 || sample.rttMs < windowMinRttMs)
+            windowMinRttMs = sample.rttMs;
+        if (minRttMs <= 0 || sample.rttMs < minRttMs)
+            minRttMs = sample.rttMs;
+    }
+    const double queueMs = minRttMs > 0 ? sample.rttMs - minRttMs : 0;
+    const int64_t elapsedMs = lastMs < 0 ? 0 : std::max<int64_t>(0, sample.nowMs - lastMs);
+    lastMs = sample.nowMs;
+    const int32_t least = floorKbps + other;
+
+    if (congested(sample, queueMs)) {
+        if (decreasedAtMs < 0 || sample.nowMs - decreasedAtMs >= holdAfterDecreaseMs) {
+            total = std::max(least, static_cast<int32_t>(total * decreaseFactor));
+            decreasedAtMs = sample.nowMs;
+        }
+        return videoKbps();
+    }
+    const bool calm = decreasedAtMs < 0 || sample.nowMs - decreasedAtMs >= calmAfterDecreaseMs;
+    const bool used = sample.fedKbps >= appLimitedShare * total;
+    if (calm && used && queueMs < emptyQueueMs && elapsedMs > 0) {
+        const double seconds = static_cast<double>(elapsedMs) / 1000;
+        const double step = std::max(climbStepKbpsPerSecond, climbPerSecond * total) * seconds;
+        total = std::min(ceiling, total + static_cast<int32_t>(step));
+    }
+    return videoKbps();
+}
