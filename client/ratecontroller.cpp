@@ -12,10 +12,6 @@ namespace {
 constexpr double fullQueueMs = 40;
 // Below this the link has room to climb into.
 constexpr double emptyQueueMs = 15;
-// Loss of this share in one reading is a queue overflowing; random loss of an uplink (1 %)
-// stays well below it.
-constexpr double bulkLossShare = 0.08;
-constexpr int64_t fewPackets = 20;
 // One step down removes the excess of a link that halved at once within three readings.
 constexpr double decreaseFactor = 0.75;
 // The link needs a round trip and libsrt's smoothing to show the effect of a step down.
@@ -23,13 +19,15 @@ constexpr int64_t holdAfterDecreaseMs = 750;
 // No climb for this long after a step down: the link just proved where its edge is.
 constexpr int64_t calmAfterDecreaseMs = 2000;
 // Climbing: this share of the target per second, at least the fixed step; from 1.5 to
-// 5 Mbit/s in about 9 s.
+// 5 Mbit/s in about 9 s. Until the link has first shown its edge, twice as fast.
 constexpr double climbPerSecond = 0.15;
+constexpr double firstClimbPerSecond = 0.3;
 constexpr double climbStepKbpsPerSecond = 100;
 // The encoder uses less than this share of its target: the link has not been tried.
 constexpr double appLimitedShare = 0.5;
-// A new connection starts at this share of the ceiling and climbs while the link allows.
-constexpr double startShare = 0.5;
+// A stream starts at this share of the ceiling and climbs while the link allows: 1.5 Mbit/s
+// of the form's 5, below the slowest uplink a presenter is likely to have.
+constexpr double startShare = 0.3;
 // The least round trip is the least of the current window and the one before, so that a
 // route that got longer is learnt within two windows.
 constexpr int64_t rttWindowMs = 5000;
@@ -65,9 +63,6 @@ void RateController::forgetOldRtt(int64_t nowMs) {
 bool RateController::congested(const Sample& sample, double queueMs) const {
     if (sample.dropped > 0 || queueMs > fullQueueMs)
         return true;
-    if (sample.sent >= fewPackets &&
-        static_cast<double>(sample.lost) > bulkLossShare * static_cast<double>(sample.sent))
-        return true;
     // Unacknowledged data older than the round trip and a full queue: the link is behind.
     return minRttMs > 0 && sample.bufferedMs > minRttMs + 2 * fullQueueMs;
 }
@@ -96,7 +91,8 @@ int32_t RateController::update(const Sample& sample) {
     const bool used = sample.fedKbps >= appLimitedShare * total;
     if (calm && used && queueMs < emptyQueueMs && elapsedMs > 0) {
         const double seconds = static_cast<double>(elapsedMs) / 1000;
-        const double step = std::max(climbStepKbpsPerSecond, climbPerSecond * total) * seconds;
+        const double share = decreasedAtMs < 0 ? firstClimbPerSecond : climbPerSecond;
+        const double step = std::max(climbStepKbpsPerSecond, share * total) * seconds;
         total = std::min(ceiling, total + static_cast<int32_t>(step));
     }
     return videoKbps();

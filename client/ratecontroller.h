@@ -7,10 +7,10 @@
 // that its choices can be checked without a network.
 //
 // The target falls at once by a large step when the link shows a queue building up (the
-// round trip grows beyond its least), packets dropped or lost in bulk, or a send buffer that
-// does not drain; it climbs back in small steps, only while the link shows no queue and the
-// encoder uses what it has (a still picture proves nothing about the link). It stays between
-// a floor and the configured ceiling. Bitrates are kbit/s.
+// round trip grows beyond its least), packets dropped for being late or for want of room, or a
+// send buffer that does not drain; it climbs back in small steps, only while the link shows no
+// queue and the encoder uses what it has (a still picture proves nothing about the link). It stays
+// between a floor and the configured ceiling. Bitrates are kbit/s.
 class RateController {
 public:
     struct Sample {
@@ -22,7 +22,6 @@ public:
         int64_t dropped = 0;       // too late to send, or no room in the send buffer
         int32_t bufferedMs = 0;    // the send buffer's span of unacknowledged packets
         int32_t fedKbps = 0;       // what the writer handed to the connection, all streams
-        double bandwidthKbps = 0;  // libsrt's estimate of the link's capacity; 0: none
     };
 
     // otherKbps: the share of the link that other streams (sound) take from the same target.
