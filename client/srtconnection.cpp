@@ -25,6 +25,14 @@ constexpr int sendBufferBytes = 819200;
 constexpr int udpSendBufferBytes = 6553600;
 // How often a connect that waits looks whether it is abandoned.
 constexpr int abandonCheckMs = 50;
+// What the link carries beyond the encoders' bitrate: MPEG-TS packet and PES headers, the
+// program tables and clock references (about 4 % for video at these rates, measured by
+// bench_link), and the 44 bytes of SRT, UDP and IP header that libsrt's pacing counts with
+// each 1316-byte message.
+constexpr double transportOverhead = 1.04 * (1316.0 + 44) / 1316;
+// Room above the fed rate for retransmissions and for draining a burst the encoder's buffer
+// allows, as libsrt's documentation suggests for a known input rate.
+constexpr int retransmitHeadroomPercent = 25;
 
 int64_t backoffNs(int32_t failures) {
     if (failures <= 0)
@@ -94,6 +102,7 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
     attempts = 0;
     retryAt = 0;
     reconnects = true;
+    agreedLatencyMs = 0;
     lastFailure.clear();
     peerLength = 0;
 
@@ -141,8 +150,13 @@ bool SrtConnection::connect(const StreamParams& newSettings, std::string& errorT
     for (const SRTSOCKET unused : pending)
         srt_close(unused);
     freeaddrinfo(list);
-    if (connected)
+    if (connected) {
+        int latency = 0;
+        int length = sizeof latency;
+        if (srt_getsockflag(socket, SRTO_PEERLATENCY, &latency, &length) != SRT_ERROR)
+            agreedLatencyMs = latency;
         stats.connected();
+    }
     return connected;
 }
 
@@ -232,7 +246,8 @@ SRTSOCKET SrtConnection::openSocket(std::string& errorText) {
                    errorText) &&
          address.applyTo(created, errorText) &&
          setOption(created, SRTO_SNDSYN, "SRTO_SNDSYN", &wait, sizeof wait, errorText) &&
-         setOption(created, SRTO_LINGER, "SRTO_LINGER", &drain, sizeof drain, errorText);
+         setOption(created, SRTO_LINGER, "SRTO_LINGER", &drain, sizeof drain, errorText) &&
+         pace(created, errorText);
     if (ok)
         return created;
     srt_close(created);
@@ -303,8 +318,10 @@ bool SrtConnection::sendAll(const uint8_t* data, std::size_t size, std::string& 
         if (sent < 1) {
             // A full buffer is a slow or silent peer: the rest of the chunk is dropped, and the
             // library declares the connection lost once the peer stays silent too long.
-            if (srt_getlasterror(nullptr) == SRT_EASYNCSND)
+            if (srt_getlasterror(nullptr) == SRT_EASYNCSND) {
+                stats.refused();
                 return true;
+            }
             errorText = std::string("SRT send failed: ") + srt_getlasterror_str();
             close();
             return false;
@@ -324,7 +341,10 @@ bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& err
             closeAndScheduleReconnect();
             errorText.clear();
         } else {
-            stats.sent(socket);
+            stats.sent(socket, size);
+            std::string failure;
+            if (stats.linkTargetKbps() != pacedKbps && !pace(socket, failure))
+                logLine("SrtConnection ", failure);
         }
         return true;
     }
@@ -358,6 +378,18 @@ void SrtConnection::close() {
 void SrtConnection::closeAndScheduleReconnect() {
     close();
     retryAt = steadyNanoseconds() + backoffNs(attempts);
+}
+
+bool SrtConnection::pace(SRTSOCKET target, std::string& errorText) {
+    pacedKbps = stats.linkTargetKbps();
+    const int64_t noCeiling = 0;
+    const int64_t fedBytesPerSecond =
+        static_cast<int64_t>(pacedKbps * 1000 / 8 * transportOverhead);
+    const int headroom = retransmitHeadroomPercent;
+    return setOption(target, SRTO_MAXBW, "SRTO_MAXBW", &noCeiling, sizeof noCeiling, errorText) &&
+           setOption(target, SRTO_INPUTBW, "SRTO_INPUTBW", &fedBytesPerSecond,
+                     sizeof fedBytesPerSecond, errorText) &&
+           setOption(target, SRTO_OHEADBW, "SRTO_OHEADBW", &headroom, sizeof headroom, errorText);
 }
 
 bool SrtConnection::setOption(SRTSOCKET target, SRT_SOCKOPT option, const char* name,
