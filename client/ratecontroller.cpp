@@ -26,8 +26,10 @@ constexpr double climbStepKbpsPerSecond = 100;
 // The encoder uses less than this share of its target: the link has not been tried.
 constexpr double appLimitedShare = 0.5;
 // A stream starts at this share of the ceiling and climbs while the link allows: 1.5 Mbit/s
-// of the form's 5, below the slowest uplink a presenter is likely to have.
+// of the form's 5, below the slowest uplink a presenter is likely to have. A ceiling lower
+// than that is itself the start.
 constexpr double startShare = 0.3;
+constexpr int32_t startKbps = 1500;
 // The least round trip is the least of the current window and the one before, so that a
 // route that got longer is learnt within two windows.
 constexpr int64_t rttWindowMs = 5000;
@@ -37,7 +39,8 @@ constexpr int64_t rttWindowMs = 5000;
 RateController::RateController(int32_t ceilingKbps, int32_t otherKbps)
     : ceiling(std::max(floorKbps, ceilingKbps) + std::max(0, otherKbps)),
       other(std::max(0, otherKbps)),
-      total(std::max(floorKbps + other, static_cast<int32_t>(ceiling * startShare))) {}
+      total(std::min(ceiling, other + std::max(startKbps, static_cast<int32_t>((ceiling - other) *
+                                                                               startShare)))) {}
 
 void RateController::restart() {
     minRttMs = windowMinRttMs = 0;
