@@ -1,25 +1,32 @@
 #include "outwriter.h"
 #include "support/freeport.h"
 #include "support/messagecapture.h"
+#include "support/netrelay.h"
 #include "support/patternwindow.h"
 #include "support/srtlistener.h"
 #include "support/testglobalstate.h"
 
 #include <QtTest>
+#include <functional>
 #include <optional>
 
 namespace {
 
 // Writes `count` frames of the four-colour picture, each row padded to `stride`, handed over
-// at `fps` as the tick generator does.
-bool writeFrames(OUTWriter& writer, int count, int fps, QSize size, int stride) {
+// at `fps` as the tick generator does; or, `moving`, of noise that changes everywhere in every
+// frame, until `done` says so.
+bool writeFrames(OUTWriter& writer, int count, int fps, QSize size, int stride, bool moving = false,
+                 const std::function<bool()>& done = {}) {
     QByteArray frame(stride * size.height(), '\x55');
     QImage picture(reinterpret_cast<uchar*>(frame.data()), size.width(), size.height(), stride,
                    QImage::Format_RGB888);
     PatternWindow::paint(&picture);
     QElapsedTimer clock;
     clock.start();
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < count && !(done && done()); ++i) {
+        if (moving)
+            QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(frame.data()),
+                                                  frame.size() / 4);
         QThread::msleep(qMax<qint64>(0, i * 1000 / fps - clock.elapsed()));
         if (!writer.writeFrame(reinterpret_cast<const uint8_t*>(frame.constData()), frame.size(),
                                size.width(), size.height(), stride))
@@ -130,6 +137,33 @@ private slots:
             QCOMPARE(decoded.size(), size);
             QVERIFY2(PatternWindow::worstError(decoded, 8) < 12, qPrintable(QString::number(i)));
         }
+    }
+
+    // A picture that changes everywhere in every frame, through an uplink of 2 Mbit/s that
+    // loses packets: the statistics line's target is below the link, and every picture arrives
+    // intact.
+    void fitsASlowLink() {
+        MessageCapture capture;
+        SrtListener listener;
+        NetRelay relay;
+        const uint16_t port = freeLoopbackPort(true);
+        listener.setLatency(250);
+        QVERIFY(listener.start(port) && relay.start(port, {2000, 20, 0.5, {}}));
+        StreamParams params;
+        params.hostPort = "127.0.0.1:" + std::to_string(relay.port());
+        params.videoBitrateKbps = 5000;
+        params.latency = 250;
+        const QRegularExpression target("SRT link: .* target=\\s+(\\d+)\\s+kbit/s");
+        const auto stated = [&] { return capture.messages().filter(target).value(0); };
+        OUTWriter writer;
+        QVERIFY(writer.start(params));
+        QVERIFY(writeFrames(writer, 30 * 25, 25, QSize(400, 224), 1200, true,
+                            [&] { return !stated().isEmpty(); }));
+        writer.stop();
+        const int kbps = target.match(stated()).captured(1).toInt();
+        QVERIFY2(kbps > 0 && kbps < 2000, qPrintable(stated()));
+        QTRY_VERIFY(listener.connectionCount() == 1 && listener.connections()[0].closed);
+        QCOMPARE(listener.decodeErrors(0), QByteArray());
     }
 };
 

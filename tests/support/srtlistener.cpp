@@ -29,9 +29,11 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
     // holds them back for its latency window loses what is still held when the caller closes.
     // Neither accepting nor reading waits: the accepted sockets take the listener's mode.
     const bool no = false;
+    const bool timed = latencyMs > 0;
     if (srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &no, sizeof no) != 0 ||
-        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &no, sizeof no) != 0 ||
+        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &timed, sizeof timed) != 0 ||
+        (timed && srt_setsockflag(listenSocket, SRTO_RCVLATENCY, &latencyMs, sizeof latencyMs)) ||
         (!passphrase.empty() && srt_setsockflag(listenSocket, SRTO_PASSPHRASE, passphrase.data(),
                                                 int(passphrase.size())) != 0) ||
         srt_bind(listenSocket, ipv6 ? (sockaddr*)&v6 : (sockaddr*)&v4,
@@ -124,8 +126,10 @@ QByteArray SrtListener::bytes(std::size_t connection) const {
 
 namespace {
 
-// Runs a tool on a payload put in a file; its standard output, or nothing when it fails.
-QByteArray runTool(const QByteArray& payload, const QString& program, QStringList arguments) {
+// Runs a tool on a payload put in a file; its standard output, or nothing when it fails; or
+// what it reported on its error output, and whether it failed.
+QByteArray runTool(const QByteArray& payload, const QString& program, QStringList arguments,
+                   bool errorOutput = false) {
     QTemporaryFile file;
     file.open();
     file.write(payload);
@@ -133,9 +137,10 @@ QByteArray runTool(const QByteArray& payload, const QString& program, QStringLis
     QProcess tool;
     tool.start(program, arguments.replaceInStrings("IN", file.fileName()));
     tool.waitForFinished(60000);
-    return tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0
-               ? tool.readAllStandardOutput()
-               : QByteArray();
+    const bool ok = tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
+    if (errorOutput)
+        return (ok ? "" : "failed: ") + tool.readAllStandardError();
+    return ok ? tool.readAllStandardOutput() : QByteArray();
 }
 
 } // namespace
@@ -162,4 +167,17 @@ QImage SrtListener::picture(std::size_t connection, int index) const {
     return QImage::fromData(runTool(bytes(connection), "ffmpeg", decode.arg(index).split(' ')),
                             "PPM")
         .convertToFormat(QImage::Format_RGB888);
+}
+
+QByteArray SrtListener::decodeErrors(std::size_t connection) const {
+    QByteArray payload = bytes(connection);
+    int end = payload.size() / 188 * 188;
+    for (end -= 188; end > 0; end -= 188) {
+        const int at = end + 4 + (payload[end + 3] & 0x20 ? 1 + uchar(payload[end + 4]) : 0);
+        if ((payload[end + 1] & 0x40) && payload.mid(at, 4) == QByteArray("\0\0\1\xe0", 4))
+            break;
+    }
+    payload.truncate(std::max(0, end));
+    const QStringList decode{"-v", "error", "-i", "IN", "-f", "null", "-"};
+    return runTool(payload, "ffmpeg", decode, true);
 }

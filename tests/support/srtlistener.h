@@ -33,6 +33,9 @@ public:
     bool start(uint16_t port, bool ipv6 = false);
     // Callers must bring this passphrase from the next start on; empty: no encryption.
     void setPassphrase(const std::string& text) { passphrase = text; }
+    // From the next start on a viewer's receiver: messages held back and handed on in order at
+    // this latency, those still missing then given up; 0 records them as they arrive.
+    void setLatency(int ms) { latencyMs = ms; }
     // From now on every handshake is refused with this rejection reason; 0 accepts again.
     void setRefusal(int reason) { refusal = reason; }
     // Handshakes that reached the listener since its first start, refused ones included.
@@ -49,6 +52,9 @@ public:
     // The one video stream's codec, size and rate, as in "h264 1920x1080 25/1"; empty unless
     // exactly one stream arrived.
     QString video(std::size_t connection) const;
+    // What ffmpeg reports wrong while it decodes one connection's payload up to its last
+    // picture, which the close may have cut off; empty when every picture decodes cleanly.
+    QByteArray decodeErrors(std::size_t connection) const;
     // One decoded picture of one connection's payload at the stream's size; null on failure.
     QImage picture(std::size_t connection, int index) const;
 
@@ -61,6 +67,7 @@ private:
     std::atomic<bool> stopping{false};
     std::thread thread;
     std::string passphrase;
+    int latencyMs = 0;
     std::atomic<int> refusal{0};
     std::atomic<int> handshakeCount{0};
 };
