@@ -2,6 +2,7 @@
 # Runs the benchmark programs, on an X server of our own when none is set.
 # BENCH_SECONDS: length of each measured run of bench_capture (default 20; 60 for figures).
 # BENCH_OUTAGE_SECONDS: how long the server stays away in bench_outage (default 60).
+# BENCH_LINK_SECONDS: length of each measured run of bench_link (default 60; 20 cases).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${BENCH_SECONDS:-20}
@@ -15,3 +16,4 @@ fi
 "$root/build/bench/bench_scaler" 100
 "$root/build/bench/bench_capture" "$seconds"
 "$root/build/bench/bench_outage" "${BENCH_OUTAGE_SECONDS:-60}"
+"$root/build/bench/bench_link" "${BENCH_LINK_SECONDS:-60}"
