@@ -8,7 +8,9 @@
 // Scenes: a page of dense program text that flips every 4 s; a picture that moves everywhere
 // every frame. Links: 8, 4 and 2 Mbit/s with 0.5 to 1 % loss and 20 to 40 ms each way; 8 Mbit/s
 // that falls to 1.5 at a third of the run and comes back at two thirds; no limit at all. The
-// receiver's latency is 4 times the round trip, at least 120 ms.
+// receiver's latency is 4 times the round trip, at least 120 ms. late/ms: datagrams the relay
+// itself sent on more than 10 ms late for want of the processor, and the most it was late by;
+// damage from s: where each run of damaged frames began, in seconds after the first frame.
 //
 // Usage: bench_link [seconds] [filter]   (default 60 s measured per run after 3 s of warm-up;
 // the changing link gets at least 37 s; filter: only cases whose name contains it. Needs
@@ -110,12 +112,20 @@ void printRow(const char* scene, const char* link, const char* sender, const Mea
     }
     const QRegularExpressionMatch drops =
         QRegularExpression("up forwarded=\\d+ queue_drops=(\\d+)").match(relay);
-    std::printf("%-7s %-30s %-10s %5d/%-5d %5.1f %% %5d %6.1f %7.1f %6.0f %6s  %s  [%s]\n", scene,
-                link, sender, m.damaged, m.frames, m.frames ? 100.0 * m.damaged / m.frames : 0.0,
-                m.damagedEarly, m.latency.empty() ? 0.0 : percentile(m.latency, 0.5),
+    const QRegularExpressionMatch late =
+        QRegularExpression("late=(\\d+) worst_late_ms=(\\d+)").match(relay);
+    QStringList starts;
+    for (const double at : m.damageStartsS)
+        starts << QString::number(at, 'f', 1);
+    std::printf("%-7s %-30s %-10s %5d/%-5d %5.1f %% %5d %6.1f %7.1f %6.0f %6s %9s  %s  [%s] %s\n",
+                scene, link, sender, m.damaged, m.frames,
+                m.frames ? 100.0 * m.damaged / m.frames : 0.0, m.damagedEarly,
+                m.latency.empty() ? 0.0 : percentile(m.latency, 0.5),
                 m.latency.empty() ? 0.0 : percentile(m.latency, 0.95), m.receivedKbps,
-                drops.hasMatch() ? qPrintable(drops.captured(1)) : "-", qPrintable(targets),
-                m.srtCounts.c_str());
+                drops.hasMatch() ? qPrintable(drops.captured(1)) : "-",
+                late.hasMatch() ? qPrintable(late.captured(1) + "/" + late.captured(2)) : "-",
+                qPrintable(targets), m.srtCounts.c_str(),
+                starts.isEmpty() ? "" : qPrintable("damage from s: " + starts.join(' ')));
     std::fflush(stdout);
 }
 
@@ -157,9 +167,9 @@ void run(int seconds, const QString& filter) {
                 "1920x1080, 25 frames/s; ours: ceiling 5000 kbit/s; ffmpeg: libx264 "
                 "veryfast/zerolatency -b:v 5M\n\n",
                 seconds, area.width(), area.height());
-    std::printf("%-7s %-30s %-10s %11s %7s %5s %6s %7s %6s %6s  %s  [%s]\n", "scene", "link",
+    std::printf("%-7s %-30s %-10s %11s %7s %5s %6s %7s %6s %6s %9s  %s  [%s]\n", "scene", "link",
                 "sender", "damaged", "share", "early", "med ms", "p95 ms", "kbit/s", "qdrops",
-                "ours: target end/least/after return", "receiver's libsrt counts");
+                "late/ms", "ours: target end/least/after return", "receiver's libsrt counts");
     std::fflush(stdout);
     for (const char* scene : {"pages", "moving"}) {
         const Helper drawing({QString("--") + scene});

@@ -24,10 +24,14 @@ constexpr int streamWidth = 1920;
 constexpr int streamHeight = 1080;
 // The encoder's buffer (VBV) holds this share of the receiver's latency at the target rate:
 // the largest burst a picture change may put on the link then drains at the target rate in
-// that share, and what the link loses of it can still be sent again in the rest. Chosen by
-// bench_link (README): a third kept every frame of the page-flip scene intact at
-// 4 Mbit/s and 20 ms each way, where a whole latency's worth did not.
-constexpr double vbvLatencyShare = 1.0 / 3;
+// that share, and what the link loses of it can still be sent again in the rest. A packet
+// lost at the tail of a burst is resent after the burst has drained, a round trip and the
+// rest of the queue later; with the latency four round trips (160 ms at 20 ms each way) a
+// quarter leaves a round trip to spare for a resend that is lost too. A third, with the
+// target a little above a 4 Mbit/s link, queued page flips for up to 66 ms, and the
+// receiver gave up one packet in every few thousand exactly at its play time (bench_link,
+// README); a whole latency's worth broke every flip.
+constexpr double vbvLatencyShare = 1.0 / 4;
 // Never less than one frame's share, nor more than a second.
 constexpr int maxVbvMs = 1000;
 

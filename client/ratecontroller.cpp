@@ -14,6 +14,13 @@ constexpr double fullQueueMs = 40;
 constexpr double emptyQueueMs = 15;
 // One step down removes the excess of a link that halved at once within three readings.
 constexpr double decreaseFactor = 0.75;
+// A queue this long is a link that fell far below the target (8 to 1.5 Mbit/s: the round trip
+// went from 43 to 198 ms within half a second): half the target at once, again after a
+// shorter hold while it lasts, so that the queue stops growing within a second instead of
+// the three that steps of a quarter took, which left the picture broken for two seconds.
+constexpr double severeQueueMs = 100;
+constexpr double severeDecreaseFactor = 0.5;
+constexpr int64_t severeHoldMs = 500;
 // The link needs a round trip and libsrt's smoothing to show the effect of a step down.
 constexpr int64_t holdAfterDecreaseMs = 750;
 // No climb for this long after a step down: the link just proved where its edge is.
@@ -84,8 +91,11 @@ int32_t RateController::update(const Sample& sample) {
     const int32_t least = floorKbps + other;
 
     if (congested(sample, queueMs)) {
-        if (decreasedAtMs < 0 || sample.nowMs - decreasedAtMs >= holdAfterDecreaseMs) {
-            total = std::max(least, static_cast<int32_t>(total * decreaseFactor));
+        const bool severe = queueMs > severeQueueMs;
+        if (decreasedAtMs < 0 ||
+            sample.nowMs - decreasedAtMs >= (severe ? severeHoldMs : holdAfterDecreaseMs)) {
+            const double factor = severe ? severeDecreaseFactor : decreaseFactor;
+            total = std::max(least, static_cast<int32_t>(total * factor));
             decreasedAtMs = sample.nowMs;
         }
         return videoKbps();

@@ -92,6 +92,9 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
     bool spoilt = false;
     long long bytes = 0;
     for (const Arrival& arrival : arrivals) {
+        if (arrival.kind == 'E' && !spoilt)
+            result.damageStartsS.push_back(
+                static_cast<double>(arrival.arrivalUs - arrivals[0].arrivalUs) / 1e6);
         spoilt = arrival.kind == 'E' || (spoilt && arrival.kind != 'K');
         if (spoilt && arrival.arrivalUs < toUs) {
             ++(arrival.arrivalUs < fromUs ? result.damagedEarly : result.damaged);

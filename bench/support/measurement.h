@@ -24,9 +24,10 @@ struct Measurement {
     // in the warm-up before it; in decode mode only.
     int damaged = 0;
     int damagedEarly = 0;
-    double lastDamageS = -1; // seconds after the first frame; -1: none
-    double receivedKbps = 0; // the video's own bytes in the window
-    std::string srtCounts;   // the receiver's libsrt counts, as it printed them
+    double lastDamageS = -1;           // seconds after the first frame; -1: none
+    std::vector<double> damageStartsS; // where each run of damaged frames began, the same way
+    double receivedKbps = 0;           // the video's own bytes in the window
+    std::string srtCounts;             // the receiver's libsrt counts, as it printed them
 
     double framesPerSecond() const { return seconds > 0 ? frames / seconds : 0; }
 };

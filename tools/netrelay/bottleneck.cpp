@@ -27,6 +27,11 @@ void Bottleneck::arrive(const char* data, int size, int64_t nowUs) {
 bool Bottleneck::take(int64_t nowUs, std::vector<char>& datagram) {
     if (waiting.empty() || waiting.front().dueUs > nowUs)
         return false;
+    const int64_t lateByUs = nowUs - waiting.front().dueUs;
+    if (lateByUs > lateUs) {
+        ++counts.late;
+        counts.worstLateUs = std::max(counts.worstLateUs, lateByUs);
+    }
     datagram.swap(waiting.front().bytes);
     waiting.pop_front();
     ++counts.forwarded;

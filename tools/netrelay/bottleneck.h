@@ -10,11 +10,17 @@
 // Times are microseconds on any one clock the caller chooses.
 class Bottleneck {
 public:
+    static constexpr int64_t lateUs = 10000;
+
     struct Counters {
         int64_t forwarded = 0;
         int64_t queueDrops = 0;
         int64_t lossDrops = 0;
         int64_t bytes = 0;
+        // Datagrams sent on more than lateUs after they were due (the relay itself waited for
+        // the processor), and the most any of them waited.
+        int64_t late = 0;
+        int64_t worstLateUs = 0;
     };
 
     Bottleneck(int64_t delayUs, double lossShare, int64_t queueUs, uint32_t seed)
