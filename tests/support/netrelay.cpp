@@ -25,10 +25,3 @@ QString NetRelay::counters() {
     }
     return QString::fromUtf8(relay.readLine().trimmed());
 }
-
-void NetRelay::stop() {
-    if (relay.state() == QProcess::NotRunning)
-        return;
-    relay.terminate();
-    relay.waitForFinished(5000);
-}

@@ -15,13 +15,12 @@ public:
         QString schedule; // "S:KBIT,...": the rate S seconds after the first datagram
     };
 
-    ~NetRelay() { stop(); }
+    ~NetRelay() { relay.kill(), relay.waitForFinished(); }
     // Starts forwarding a free port of its own to targetPort.
     bool start(uint16_t targetPort, const Link& link);
     uint16_t port() const { return listening; }
     // The relay's counters line, as in "counters rate=2000 up forwarded=... queue_drops=...".
     QString counters();
-    void stop();
 
 private:
     QProcess relay;

@@ -169,13 +169,13 @@ QImage SrtListener::picture(std::size_t connection, int index) const {
         .convertToFormat(QImage::Format_RGB888);
 }
 
-QByteArray SrtListener::decodeErrors(std::size_t connection) const {
+QByteArray SrtListener::decodeErrors(std::size_t connection, int leftOut) const {
     QByteArray payload = bytes(connection);
     int end = payload.size() / 188 * 188;
-    for (end -= 188; end > 0; end -= 188) {
+    for (int pictures = 0; end > 0 && pictures < leftOut;) {
+        end -= 188;
         const int at = end + 4 + (payload[end + 3] & 0x20 ? 1 + uchar(payload[end + 4]) : 0);
-        if ((payload[end + 1] & 0x40) && payload.mid(at, 4) == QByteArray("\0\0\1\xe0", 4))
-            break;
+        pictures += (payload[end + 1] & 0x40) && payload.mid(at, 4) == QByteArray("\0\0\1\xe0", 4);
     }
     payload.truncate(std::max(0, end));
     const QStringList decode{"-v", "error", "-i", "IN", "-f", "null", "-"};
