@@ -1,5 +1,8 @@
 #include "srtlistener.h"
 
+#include <algorithm>
+#include <climits>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
@@ -169,15 +172,29 @@ QImage SrtListener::picture(std::size_t connection, int index) const {
         .convertToFormat(QImage::Format_RGB888);
 }
 
-QByteArray SrtListener::decodeErrors(std::size_t connection, int leftOut) const {
+QByteArray SrtListener::decodeErrors(std::size_t connection, int from, int leftOut) const {
     QByteArray payload = bytes(connection);
-    int end = payload.size() / 188 * 188;
-    for (int pictures = 0; end > 0 && pictures < leftOut;) {
-        end -= 188;
-        const int at = end + 4 + (payload[end + 3] & 0x20 ? 1 + uchar(payload[end + 4]) : 0);
-        pictures += (payload[end + 1] & 0x40) && payload.mid(at, 4) == QByteArray("\0\0\1\xe0", 4);
+    // Where each picture starts, whether it is a key frame (random access), and the program
+    // tables before it.
+    std::vector<int> starts, keys, tables{0};
+    for (int at = 0; at + 188 <= payload.size(); at += 188) {
+        const bool adapted = payload[at + 3] & 0x20;
+        const int body = at + 4 + (adapted ? 1 + uchar(payload[at + 4]) : 0);
+        if ((payload[at + 1] & 0x5f) == 0x40 && payload.at(at + 2) == 0)
+            tables.push_back(at);
+        if (!(payload[at + 1] & 0x40) || payload.mid(body, 4) != QByteArray("\0\0\1\xe0", 4))
+            continue;
+        starts.push_back(at);
+        if (adapted && payload.at(at + 4) != 0 && (payload[at + 5] & 0x40))
+            keys.push_back(at);
     }
-    payload.truncate(std::max(0, end));
+    const auto key = std::lower_bound(keys.begin(), keys.end(),
+                                      starts.size() > std::size_t(from) ? starts[from] : INT_MAX);
+    if (key == keys.end() || starts.size() < std::size_t(leftOut) ||
+        *key >= starts[starts.size() - leftOut])
+        return "too few pictures";
+    const int begin = *(std::upper_bound(tables.begin(), tables.end(), *key) - 1);
+    payload = payload.mid(begin, starts[starts.size() - leftOut] - begin);
     const QStringList decode{"-v", "error", "-i", "IN", "-f", "null", "-"};
     return runTool(payload, "ffmpeg", decode, true);
 }

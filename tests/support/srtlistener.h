@@ -52,10 +52,10 @@ public:
     // The one video stream's codec, size and rate, as in "h264 1920x1080 25/1"; empty unless
     // exactly one stream arrived.
     QString video(std::size_t connection) const;
-    // What ffmpeg reports wrong while it decodes one connection's payload but its last
-    // `leftOut` pictures, which the close may have cut off or left with packets that were
-    // never resent; empty when every picture decodes cleanly.
-    QByteArray decodeErrors(std::size_t connection, int leftOut) const;
+    // What ffmpeg reports wrong while it decodes one connection's payload from the first key
+    // frame at or after picture `from` to all but the last `leftOut` pictures (which the close
+    // may have cut off, or left with packets never resent); empty when they decode cleanly.
+    QByteArray decodeErrors(std::size_t connection, int from, int leftOut) const;
     // One decoded picture of one connection's payload at the stream's size; null on failure.
     QImage picture(std::size_t connection, int index) const;
 
