@@ -226,6 +226,13 @@ SRTSOCKET SrtConnection::openSocket(std::string& errorText) {
     // library, which delivers it in the background for up to the linger time.
     const bool wait = false;
     const linger drain{1, lingerSeconds};
+    // Every loss report the receiver sends brings a resend, its repeats too. libsrt's own
+    // choice skips a repeat that comes soon after a resend, so a resend the link lost too
+    // waited for a later report: through a 2 Mbit/s relay with 0.5 % loss both ways the sender
+    // answered 13 to 18 of every 20 reports, and 2 of 8 streams broke at a viewer with 400 ms
+    // of latency; answering each (all but 1 to 3 of 20), 7 streams in a row arrived intact.
+    // The repeats cost little: a few packets in a hundred.
+    const int everyReport = 0;
     bool ok = setOption(created, SRTO_TRANSTYPE, "SRTO_TRANSTYPE", &transtype, sizeof transtype,
                         errorText);
     if (ok) {
@@ -247,6 +254,8 @@ SRTSOCKET SrtConnection::openSocket(std::string& errorText) {
          address.applyTo(created, errorText) &&
          setOption(created, SRTO_SNDSYN, "SRTO_SNDSYN", &wait, sizeof wait, errorText) &&
          setOption(created, SRTO_LINGER, "SRTO_LINGER", &drain, sizeof drain, errorText) &&
+         setOption(created, SRTO_RETRANSMITALGO, "SRTO_RETRANSMITALGO", &everyReport,
+                   sizeof everyReport, errorText) &&
          pace(created, errorText);
     if (ok)
         return created;
