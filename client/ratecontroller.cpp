@@ -7,11 +7,15 @@ namespace {
 // Chosen by bench_link through tools/netrelay (see the README's link section).
 //
 // A queue of this many milliseconds beyond the least round trip means the link is full: above
-// the jitter of a quiet link and of libsrt's smoothed round trip (a few ms on loopback, about
-// 10 ms through a relay with 1 % loss), well below a receiver latency of 120 ms.
-constexpr double fullQueueMs = 40;
+// the jitter of libsrt's smoothed round trip through a relay on a quiet machine (a few ms),
+// and short enough that a resend waiting behind it still reaches a receiver whose latency is
+// four round trips. At 40 ms the target kept climbing back into a 4 Mbit/s link until the
+// queue reached that, and 5 % of frames broke there (bench_link, both scenes); at 20 ms none
+// did in 20 s runs. A route that grows longer by more than this is taken for a queue until
+// the least round trip is learnt anew (two windows).
+constexpr double fullQueueMs = 20;
 // Below this the link has room to climb into.
-constexpr double emptyQueueMs = 15;
+constexpr double emptyQueueMs = 10;
 // One step down removes the excess of a link that halved at once within three readings.
 constexpr double decreaseFactor = 0.75;
 // A queue this long is a link that fell far below the target (8 to 1.5 Mbit/s: the round trip

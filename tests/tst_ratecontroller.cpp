@@ -26,7 +26,7 @@ private slots:
         QTest::newRow("sound's share comes off the video") << 128 << "40x40" << 5000 << 5000;
         QTest::newRow("after a fall, a calm link climbs back")
             << 0 << "4x40 1x40d3 48x40" << 5000 << 5000;
-        QTest::newRow("a longer route is learnt") << 0 << "4x40 1x120 80x80" << 5000 << 5000;
+        QTest::newRow("a longer route is learnt") << 0 << "4x40 1x120 140x80" << 5000 << 5000;
     }
 
     void followsTheLink() {
