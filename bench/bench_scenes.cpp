@@ -15,7 +15,7 @@
 #include "startup.h"
 #include "support/measurement.h"
 #include "support/movingscene.h"
-#include "support/pageflipscene.h"
+#include "support/pagescene.h"
 #include "support/senders.h"
 
 extern "C" {
@@ -79,7 +79,7 @@ int sceneMain(int argc, char** argv) {
     if (scene == "--moving") {
         window = std::make_unique<MovingScene>();
     } else if (scene == "--pages") {
-        window = std::make_unique<PageFlipScene>();
+        window = std::make_unique<PageScene>();
     } else {
         window = std::make_unique<QWidget>(nullptr, Qt::FramelessWindowHint);
         window->setStyleSheet("background: black");

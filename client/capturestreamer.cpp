@@ -26,7 +26,7 @@ struct CaptureStreamer::Run {
 };
 
 CaptureStreamer::CaptureStreamer() {
-    new LinkIndicator(captureFrame.liveButton(), [this] { return writer.linkDown(); });
+    new LinkIndicator(captureFrame.liveButton(), [this] { return writer.linkSnapshot(); });
     connect(&captureFrame, &WCapture::dragging, &source, &CaptureSource::setPaused);
     connect(&captureFrame, &WCapture::fullClose, this, [this] {
         shutDown();

@@ -4,6 +4,8 @@
 #include "logfile.h"
 #include "srtaddress.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -23,6 +25,18 @@ constexpr int maxFps = 120;
 constexpr int defaultBitrate = 1000000;
 constexpr int streamWidth = 1920;
 constexpr int streamHeight = 1080;
+// The encoder's buffer (VBV) holds this share of the receiver's latency at the target rate:
+// the largest burst a picture change may put on the link then drains at the target rate in
+// that share, and what the link loses of it can still be sent again in the rest. A packet
+// lost at the tail of a burst is resent after the burst has drained, a round trip and the
+// rest of the queue later; with the latency four round trips (160 ms at 20 ms each way) a
+// quarter leaves a round trip to spare for a resend that is lost too. A third, with the
+// target a little above a 4 Mbit/s link, queued page flips for up to 66 ms, and the
+// receiver gave up one packet in every few thousand exactly at its play time (bench_link,
+// README); a whole latency's worth broke every flip.
+constexpr double vbvLatencyShare = 1.0 / 4;
+// Never less than one frame's share, nor more than a second.
+constexpr int maxVbvMs = 1000;
 
 std::string errorText(int code) {
     char text[64] = {};
@@ -73,6 +87,9 @@ bool OUTWriter::start(const StreamParams& newSettings, const std::atomic<bool>* 
     frameIndex = 0;
     lastPts = -1;
     error.clear();
+    // Until the encoder is known, the link's target is assumed to reach it; the sound's share
+    // of the link is kept out of the picture's target.
+    connection.linkStats().configure(ceilingKbps(), audioBitrateKbps(), true);
     logLine("OUTWriter start. hostPort=", SrtAddress::masked(settings.hostPort),
             ", streamId=", logfile::secret(settings.streamId),
             ", videoBitrateKbps=", settings.videoBitrateKbps,
@@ -210,9 +227,14 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     codec->pix_fmt = candidate.pixelFormat;
     codec->time_base = AVRational{1, fps};
     codec->framerate = AVRational{fps, 1};
-    codec->bit_rate = settings.videoBitrateKbps > 0
-                          ? static_cast<int64_t>(settings.videoBitrateKbps) * 1000
-                          : static_cast<int64_t>(config.bitrate);
+    // FFmpeg's libx264 wrapper reconfigures the running encoder when the codec context's
+    // bitrate, maximum rate or buffer size change; the other encoders keep what they open with.
+    const bool followsLink = std::string(encoder->name ? encoder->name : "") == "libx264";
+    LinkStats& link = connection.linkStats();
+    if (!followsLink)
+        link.configure(ceilingKbps(), audioBitrateKbps(), false);
+    encodedKbps = followsLink ? link.videoTargetKbps() : 0;
+    limitRate(codec, link.videoTargetKbps());
     codec->gop_size = fps;
     codec->max_b_frames = 0;
     codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
@@ -250,6 +272,32 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
         return false;
     }
     return true;
+}
+
+int32_t OUTWriter::ceilingKbps() const {
+    if (settings.videoBitrateKbps > 0)
+        return settings.videoBitrateKbps;
+    return std::max(1, configuredEncoder().bitrate / 1000);
+}
+
+void OUTWriter::limitRate(AVCodecContext* context, int32_t videoKbps) const {
+    const int fps = context->framerate.num > 0 ? context->framerate.num : defaultFps;
+    const int latencyMs = connection.latencyMs() > 0 ? connection.latencyMs() : settings.latency;
+    const int bufferMs =
+        std::clamp(static_cast<int>(latencyMs * vbvLatencyShare), 1000 / fps, maxVbvMs);
+    const int64_t bitsPerSecond = static_cast<int64_t>(videoKbps) * 1000;
+    context->bit_rate = bitsPerSecond;
+    context->rc_max_rate = bitsPerSecond;
+    context->rc_buffer_size = static_cast<int>(bitsPerSecond * bufferMs / 1000);
+}
+
+void OUTWriter::followLinkTarget() {
+    const int32_t target = connection.linkStats().videoTargetKbps();
+    if (encodedKbps == 0 || target == encodedKbps)
+        return;
+    // Read by libavcodec as the next frame is sent: no new key frame, no new stream.
+    limitRate(codec, target);
+    encodedKbps = target;
 }
 
 bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter) {
@@ -331,6 +379,7 @@ bool OUTWriter::sendFrame(int64_t pts) {
     frame->pts = pts;
     lastPts = pts;
     ++frameIndex;
+    followLinkTarget();
     const int sent = avcodec_send_frame(codec, frame);
     if (sent < 0) {
         logLine("OUTWriter failed to send frame: ", errorText(sent));
@@ -405,6 +454,7 @@ void OUTWriter::releaseAll() {
         av_freep(&ioBuffer);
     }
     stream = nullptr;
+    encodedKbps = 0;
     initialised = false;
     pictureHeld = false;
     width = height = 0;

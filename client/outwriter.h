@@ -54,8 +54,8 @@ public:
     // Flushes and closes whatever runs; harmless when nothing does.
     void stop();
     const std::string& lastError() const { return error; }
-    // True while a live stream's connection is down and being re-established.
-    bool linkDown() const { return connection.linkStats().down(); }
+    // The link as it is now; any thread may ask.
+    LinkSnapshot linkSnapshot() const { return connection.linkStats().snapshot(); }
     // What the sound takes of the link, in kbit/s: the configured audio bitrate when config.ini
     // asks for sound (also while its source is away, since it comes back), else 0. The picture's
     // share is what is left.
@@ -65,6 +65,11 @@ private:
     bool openStream(int newWidth, int newHeight);
     bool initEncoder(int newWidth, int newHeight);
     static void setEncoderOptions(AVCodecContext* context, const EncoderCandidate& candidate);
+    // The bitrate follows the link: a ceiling from the settings, a target from the link's
+    // statistics, reaching the running encoder between frames.
+    int32_t ceilingKbps() const;
+    void limitRate(AVCodecContext* context, int32_t videoKbps) const;
+    void followLinkTarget();
     bool initOutput();
     bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
     bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
@@ -87,6 +92,7 @@ private:
     int64_t frameIndex = 0;
     int64_t lastPts = -1;
     bool pictureHeld = false;
+    int32_t encodedKbps = 0; // the target the encoder works to; 0: it cannot change
     AVFormatContext* output = nullptr;
     AVIOContext* io = nullptr;
     uint8_t* ioBuffer = nullptr;

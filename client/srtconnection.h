@@ -47,6 +47,8 @@ public:
     // drop their chunks until it has: the writer asks before each picture, so that the stream
     // can start again with a picture that needs none before it.
     bool resumed() { return reconnecting && reconnectFinished(); }
+    // The receiver's latency the connection agreed on, in milliseconds; 0 before a connect.
+    int32_t latencyMs() const { return agreedLatencyMs; }
     LinkStats& linkStats() { return stats; }
     const LinkStats& linkStats() const { return stats; }
 
@@ -67,10 +69,15 @@ private:
     void reconnectFailed(const std::string& reason);
     // Why the connect on `failed` did not succeed, in words a presenter can act on.
     std::string connectFailure(SRTSOCKET failed) const;
+    // libsrt paces the socket from the rate the writer feeds it, not from its own estimate of
+    // the input rate, which a still picture drags far below what the next change needs.
+    bool pace(SRTSOCKET target, std::string& errorText);
     bool setOption(SRTSOCKET target, SRT_SOCKOPT option, const char* name, const void* value,
                    int length, std::string& errorText);
 
     StreamParams settings;
+    int32_t pacedKbps = 0;
+    int32_t agreedLatencyMs = 0;
     int32_t attempts = 0; // reconnects that failed since the connection was last up
     int64_t retryAt = 0;  // steady-clock nanoseconds; 0 when no reconnect is scheduled
     SRTSOCKET socket = SRT_INVALID_SOCK;

@@ -5,6 +5,7 @@
 # BENCH_OUTAGE_SECONDS: how long the server stays away in bench_outage (default 60).
 # BENCH_REFUSAL_SECONDS: how long the server refuses every handshake in bench_refusal (default 60).
 # BENCH_SCENE_SECONDS: length of each measured run of bench_scenes (default 60).
+# BENCH_LINK_SECONDS: length of each measured run of bench_link (default 60; 20 cases).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${BENCH_SECONDS:-20}
@@ -22,3 +23,4 @@ fi
 "$root/build/bench/bench_outage" "${BENCH_OUTAGE_SECONDS:-60}"
 "$root/build/bench/bench_refusal" "${BENCH_REFUSAL_SECONDS:-60}"
 "$root/build/bench/bench_sync" "$seconds"
+"$root/build/bench/bench_link" "${BENCH_LINK_SECONDS:-60}"

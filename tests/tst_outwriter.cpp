@@ -1,6 +1,7 @@
 #include "outwriter.h"
 #include "support/freeport.h"
 #include "support/messagecapture.h"
+#include "support/netrelay.h"
 #include "support/patternwindow.h"
 #include "support/soundserver.h"
 #include "support/srtlistener.h"
@@ -14,17 +15,20 @@
 namespace {
 
 // Writes `count` frames of the four-colour picture, each row padded to `stride`, handed over
-// at `fps` as the tick generator does; fewer once `until` holds.
-bool writeFrames(
-    OUTWriter& writer, int count, int fps, QSize size, int stride,
-    const std::function<bool()>& until = [] { return false; }) {
+// at `fps` as the tick generator does; or, `moving`, of noise that changes everywhere in every
+// frame, until `done` says so.
+bool writeFrames(OUTWriter& writer, int count, int fps, QSize size, int stride, bool moving = false,
+                 const std::function<bool()>& done = {}) {
     QByteArray frame(stride * size.height(), '\x55');
     QImage picture(reinterpret_cast<uchar*>(frame.data()), size.width(), size.height(), stride,
                    QImage::Format_RGB888);
     PatternWindow::paint(&picture);
     QElapsedTimer clock;
     clock.start();
-    for (int i = 0; i < count && !until(); ++i) {
+    for (int i = 0; i < count && !(done && done()); ++i) {
+        if (moving)
+            QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(frame.data()),
+                                                  frame.size() / 4);
         QThread::msleep(qMax<qint64>(0, i * 1000 / fps - clock.elapsed()));
         if (!writer.writeFrame(reinterpret_cast<const uint8_t*>(frame.constData()), frame.size(),
                                size.width(), size.height(), stride))
@@ -192,14 +196,14 @@ private slots:
             };
         };
         const char* recording = "AudioTrack recording from  brindle.monitor";
-        QVERIFY(!there || writeFrames(writer, 750, 25, size, 960, sounds(50)));
+        QVERIFY(!there || writeFrames(writer, 750, 25, size, 960, false, sounds(50)));
         QVERIFY(!there || sound.removeSink());
         const QByteArray lossLine = loss.toUtf8();
-        QVERIFY(writeFrames(writer, 750, 25, size, 960, told(lossLine.constData(), 1)));
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, false, told(lossLine.constData(), 1)));
         const int before = listener.bytes(0).count(QByteArray("\0\0\1\xc0", 4));
         QVERIFY(sound.addSink() && sound.play(1000));
-        QVERIFY(writeFrames(writer, 750, 25, size, 960, told(recording, there ? 2 : 1)));
-        QVERIFY(writeFrames(writer, 750, 25, size, 960, sounds(before + 100)));
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, false, told(recording, there ? 2 : 1)));
+        QVERIFY(writeFrames(writer, 750, 25, size, 960, false, sounds(before + 100)));
         writer.stop();
         QTRY_VERIFY(listener.connectionCount() == 1 && listener.connections()[0].closed);
         QCOMPARE(capture.messages().filter("AudioTrack").size(), there ? 3 : 2);
@@ -224,6 +228,36 @@ private slots:
         QVERIFY(samples > 48000);
         QVERIFY(!there || toneShare(pcm, 4800, 28800, 1000) > 0.5);
         QVERIFY(toneShare(pcm, samples - 28800, samples - 4800, 1000) > 0.5);
+    }
+
+    // A picture that changes everywhere in every frame, through an uplink of 2 Mbit/s that
+    // loses packets: the statistics line tells of a target at the link's edge (which it probes,
+    // a little above it at times), far below the ceiling of 5000, and a viewer's receiver (its
+    // latency ten round trips, so that a loaded test machine does not decide) decodes every
+    // picture intact.
+    void fitsASlowLink() {
+        MessageCapture capture;
+        SrtListener listener;
+        NetRelay relay;
+        const uint16_t port = freeLoopbackPort(true);
+        listener.setLatency(400);
+        QVERIFY(listener.start(port) && relay.start(port, {2000, 20, 0.5, {}}));
+        StreamParams params;
+        params.hostPort = "127.0.0.1:" + std::to_string(relay.port());
+        params.latency = 400;
+        const QRegularExpression target("SRT link: .* target=\\s+(\\d+)\\s+kbit/s");
+        const auto stated = [&] { return capture.messages().filter(target).value(0); };
+        OUTWriter writer;
+        QVERIFY(writer.start(params));
+        QVERIFY(writeFrames(writer, 30 * 25, 25, QSize(400, 224), 1200, true,
+                            [&] { return !stated().isEmpty(); }));
+        writer.stop();
+        const int kbps = target.match(stated()).captured(1).toInt();
+        QVERIFY2(kbps > 0 && kbps < 2200, qPrintable(stated()));
+        QTRY_VERIFY_WITH_TIMEOUT(
+            listener.connectionCount() == 1 && listener.connections()[0].closed, 20000);
+        // From the third second on: the first ones probe the link; the last one the close cuts off.
+        QCOMPARE(listener.decodeErrors(0, 2 * 25, 25), QByteArray());
     }
 };
 

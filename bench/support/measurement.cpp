@@ -23,6 +23,8 @@ struct Arrival {
     long long ptsUs = -1;
     bool readable = false;
     double latencyMs = 0;
+    char kind = 'P';
+    long long bytes = 0;
 };
 
 // The receiver's output, read line by line while the event loop turns.
@@ -49,6 +51,7 @@ public:
     bool listening = false;
     bool ended = false;
     std::string encoder;
+    std::string srtCounts;
     std::vector<Arrival> arrivals;
 
 private:
@@ -63,13 +66,15 @@ private:
                 encoder = line.substr(8);
             else if (line.rfind("frame ", 0) == 0)
                 arrivals.push_back(parse(line));
+            else if (line.rfind("srt ", 0) == 0)
+                srtCounts = line.substr(4);
         }
     }
     static Arrival parse(const std::string& line) {
         std::istringstream fields(line.substr(6));
         Arrival arrival;
         std::string latency;
-        fields >> arrival.arrivalUs >> arrival.ptsUs >> latency;
+        fields >> arrival.arrivalUs >> arrival.ptsUs >> latency >> arrival.kind >> arrival.bytes;
         arrival.readable = !latency.empty() && latency != "-";
         if (arrival.readable)
             arrival.latencyMs = std::stod(latency);
@@ -83,9 +88,22 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
                long long toUs) {
     const Arrival* first = nullptr;
     const Arrival* last = nullptr;
+    // A damaged frame spoils every frame after it until the next key frame.
+    bool spoilt = false;
+    long long bytes = 0;
     for (const Arrival& arrival : arrivals) {
+        if (arrival.kind == 'E' && !spoilt)
+            result.damageStartsS.push_back(
+                static_cast<double>(arrival.arrivalUs - arrivals[0].arrivalUs) / 1e6);
+        spoilt = arrival.kind == 'E' || (spoilt && arrival.kind != 'K');
+        if (spoilt && arrival.arrivalUs < toUs) {
+            ++(arrival.arrivalUs < fromUs ? result.damagedEarly : result.damaged);
+            result.lastDamageS =
+                static_cast<double>(arrival.arrivalUs - arrivals[0].arrivalUs) / 1e6;
+        }
         if (arrival.arrivalUs < fromUs || arrival.arrivalUs >= toUs)
             continue;
+        bytes += arrival.bytes;
         ++result.frames;
         if (!first)
             first = &arrival;
@@ -96,6 +114,7 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
             ++result.unreadable;
     }
     result.seconds = static_cast<double>(toUs - fromUs) / 1e6;
+    result.receivedKbps = static_cast<double>(bytes) * 8 / 1000 / result.seconds;
     result.missed =
         std::max(0, static_cast<int>(std::lround(result.seconds * ticksPerSecond)) - result.frames);
     if (first && last != first && last->ptsUs >= 0 && first->ptsUs >= 0)
@@ -105,7 +124,8 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
 
 } // namespace
 
-Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decode) {
+Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decode,
+                          const std::function<uint16_t(uint16_t)>& route) {
     Measurement result;
     const uint16_t port = freeLoopbackPort(true);
     QProcess receiver;
@@ -118,8 +138,9 @@ Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decod
         result.error = "the receiver did not start";
         return result;
     }
-    if (!sender.start(port, latencyMs)) {
-        result.error = sender.error;
+    const uint16_t called = route ? route(port) : port;
+    if (called == 0 || !sender.start(called, latencyMs)) {
+        result.error = called == 0 ? "nothing to route through" : sender.error;
         receiver.kill();
         receiver.waitForFinished();
         return result;
@@ -151,6 +172,7 @@ Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decod
     if (!flowing)
         result.error = "no frame arrived" + (sender.error.empty() ? "" : ": " + sender.error);
     output.waitFor(3000, [&] { return output.ended; });
+    result.srtCounts = output.srtCounts;
     receiver.kill();
     receiver.waitForFinished();
     return result;

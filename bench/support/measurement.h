@@ -2,6 +2,8 @@
 
 #include "sender.h"
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,14 +20,24 @@ struct Measurement {
     std::vector<double> latency; // milliseconds, one per picture whose clock was readable
     int unreadable = 0;
     std::string encoder; // libx264's settings as written into the stream; empty if none
+    // Frames that arrived damaged or follow one before the next key frame, in the window and
+    // in the warm-up before it; in decode mode only.
+    int damaged = 0;
+    int damagedEarly = 0;
+    double lastDamageS = -1;           // seconds after the first frame; -1: none
+    std::vector<double> damageStartsS; // where each run of damaged frames began, the same way
+    double receivedKbps = 0;           // the video's own bytes in the window
+    std::string srtCounts;             // the receiver's libsrt counts, as it printed them
 
     double framesPerSecond() const { return seconds > 0 ? frames / seconds : 0; }
 };
 
 // Starts bench_receiver (beside the running program) on a free port, lets the sender stream
 // to it, and after a warm-up measures for `seconds`; decode also decodes every picture and
-// reads the screen clock from it.
-Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decode);
+// reads the screen clock from it. `route`, when given, puts something between the two: it is
+// handed the receiver's port and answers the port the sender is to call.
+Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decode,
+                          const std::function<uint16_t(uint16_t)>& route = {});
 
 // Runs the event loop for ms milliseconds, asleep while nothing happens.
 void turnEventLoop(int ms);

@@ -1,7 +1,9 @@
 #include "linkindicator.h"
 
+#include <QCursor>
 #include <QIcon>
 #include <QPushButton>
+#include <QToolTip>
 
 namespace {
 
@@ -9,17 +11,35 @@ const char* const whiteLiveIcon = ":/icons/WHITE_LIVE.png";
 const char* const redLiveIcon = ":/icons/RED_LIVE.png";
 constexpr int halfPeriodMs = 500;
 
+QString percent(double share) {
+    return QString::number(share * 100, 'f', 1) + " %";
+}
+
 } // namespace
 
-LinkIndicator::LinkIndicator(QPushButton* liveButton, std::function<bool()> linkDown)
-    : QObject(liveButton), button(liveButton), isDown(std::move(linkDown)) {
+LinkIndicator::LinkIndicator(QPushButton* liveButton, std::function<LinkSnapshot()> link)
+    : QObject(liveButton), button(liveButton), linkNow(std::move(link)) {
     connect(&timer, &QTimer::timeout, this, &LinkIndicator::poll);
     timer.start(halfPeriodMs);
 }
 
+QString LinkIndicator::describe(const LinkSnapshot& link) {
+    if (link.down)
+        return QStringLiteral("Link lost: reconnecting");
+    if (!link.measured)
+        return QStringLiteral("Link: starting at %1 kbit/s").arg(link.targetKbps);
+    return QStringLiteral("Link: %1 kbit/s, round trip %2 ms\n"
+                          "last seconds: %3 of packets sent again, %4 lost")
+        .arg(link.targetKbps)
+        .arg(qRound(link.rttMs))
+        .arg(percent(link.retransmittedShare), percent(link.lostShare));
+}
+
 void LinkIndicator::poll() {
     const bool live = button->isChecked();
-    if (live && isDown()) {
+    const LinkSnapshot link = linkNow();
+    showLink(link, live);
+    if (live && link.down) {
         flashing = true;
         redShown = !redShown;
         button->setIcon(QIcon(QString::fromUtf8(redShown ? redLiveIcon : whiteLiveIcon)));
@@ -30,4 +50,14 @@ void LinkIndicator::poll() {
         button->setIcon(QIcon(QString::fromUtf8(redLiveIcon)));
     flashing = false;
     redShown = true;
+}
+
+void LinkIndicator::showLink(const LinkSnapshot& link, bool live) {
+    const QString text = live ? describe(link) : QString();
+    if (text == button->toolTip())
+        return;
+    button->setToolTip(text);
+    // A tooltip already open shows the old text until the pointer moves: it is told anew.
+    if (QToolTip::isVisible() && button->underMouse())
+        QToolTip::showText(QCursor::pos(), text, button);
 }

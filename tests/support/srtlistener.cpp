@@ -1,5 +1,8 @@
 #include "srtlistener.h"
 
+#include <algorithm>
+#include <climits>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
@@ -29,9 +32,11 @@ bool SrtListener::start(uint16_t port, bool ipv6) {
     // holds them back for its latency window loses what is still held when the caller closes.
     // Neither accepting nor reading waits: the accepted sockets take the listener's mode.
     const bool no = false;
+    const bool timed = latencyMs > 0;
     if (srt_setsockflag(listenSocket, SRTO_TRANSTYPE, &live, sizeof live) != 0 ||
         srt_setsockflag(listenSocket, SRTO_RCVSYN, &no, sizeof no) != 0 ||
-        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &no, sizeof no) != 0 ||
+        srt_setsockflag(listenSocket, SRTO_TSBPDMODE, &timed, sizeof timed) != 0 ||
+        (timed && srt_setsockflag(listenSocket, SRTO_RCVLATENCY, &latencyMs, sizeof latencyMs)) ||
         (!passphrase.empty() && srt_setsockflag(listenSocket, SRTO_PASSPHRASE, passphrase.data(),
                                                 int(passphrase.size())) != 0) ||
         srt_bind(listenSocket, ipv6 ? (sockaddr*)&v6 : (sockaddr*)&v4,
@@ -124,8 +129,10 @@ QByteArray SrtListener::bytes(std::size_t connection) const {
 
 namespace {
 
-// Runs a tool on a payload put in a file; its standard output, or nothing when it fails.
-QByteArray runTool(const QByteArray& payload, const QString& program, QStringList arguments) {
+// Runs a tool on a payload put in a file; its standard output, or nothing when it fails; or
+// what it reported on its error output, and whether it failed.
+QByteArray runTool(const QByteArray& payload, const QString& program, QStringList arguments,
+                   bool errorOutput = false) {
     QTemporaryFile file;
     file.open();
     file.write(payload);
@@ -133,9 +140,10 @@ QByteArray runTool(const QByteArray& payload, const QString& program, QStringLis
     QProcess tool;
     tool.start(program, arguments.replaceInStrings("IN", file.fileName()));
     tool.waitForFinished(60000);
-    return tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0
-               ? tool.readAllStandardOutput()
-               : QByteArray();
+    const bool ok = tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
+    if (errorOutput)
+        return (ok ? "" : "failed: ") + tool.readAllStandardError();
+    return ok ? tool.readAllStandardOutput() : QByteArray();
 }
 
 } // namespace
@@ -167,4 +175,31 @@ QImage SrtListener::picture(std::size_t connection, int index) const {
 QByteArray SrtListener::sound(std::size_t connection) const {
     return runTool(bytes(connection), "ffmpeg",
                    QString("-v error -i IN -map 0:a -ac 1 -ar 48000 -f s16le -").split(' '));
+}
+
+QByteArray SrtListener::decodeErrors(std::size_t connection, int from, int leftOut) const {
+    QByteArray payload = bytes(connection);
+    // Where each picture starts, whether it is a key frame (random access), and the program
+    // tables before it.
+    std::vector<int> starts, keys, tables{0};
+    for (int at = 0; at + 188 <= payload.size(); at += 188) {
+        const bool adapted = payload[at + 3] & 0x20;
+        const int body = at + 4 + (adapted ? 1 + uchar(payload[at + 4]) : 0);
+        if ((payload[at + 1] & 0x5f) == 0x40 && payload.at(at + 2) == 0)
+            tables.push_back(at);
+        if (!(payload[at + 1] & 0x40) || payload.mid(body, 4) != QByteArray("\0\0\1\xe0", 4))
+            continue;
+        starts.push_back(at);
+        if (adapted && payload.at(at + 4) != 0 && (payload[at + 5] & 0x40))
+            keys.push_back(at);
+    }
+    const auto key = std::lower_bound(keys.begin(), keys.end(),
+                                      starts.size() > std::size_t(from) ? starts[from] : INT_MAX);
+    if (key == keys.end() || starts.size() < std::size_t(leftOut) ||
+        *key >= starts[starts.size() - leftOut])
+        return "too few pictures";
+    const int begin = *(std::upper_bound(tables.begin(), tables.end(), *key) - 1);
+    payload = payload.mid(begin, starts[starts.size() - leftOut] - begin);
+    const QStringList decode{"-v", "error", "-i", "IN", "-f", "null", "-"};
+    return runTool(payload, "ffmpeg", decode, true);
 }

@@ -33,6 +33,9 @@ public:
     bool start(uint16_t port, bool ipv6 = false);
     // Callers must bring this passphrase from the next start on; empty: no encryption.
     void setPassphrase(const std::string& text) { passphrase = text; }
+    // From the next start on a viewer's receiver: messages held back and handed on in order at
+    // this latency, those still missing then given up; 0 records them as they arrive.
+    void setLatency(int ms) { latencyMs = ms; }
     // From now on every handshake is refused with this rejection reason; 0 accepts again.
     void setRefusal(int reason) { refusal = reason; }
     // Handshakes that reached the listener since its first start, refused ones included.
@@ -51,6 +54,10 @@ public:
     QString video(std::size_t connection) const;
     // The sound of one connection's payload, decoded to 48 kHz mono signed 16-bit samples.
     QByteArray sound(std::size_t connection) const;
+    // What ffmpeg reports wrong while it decodes one connection's payload from the first key
+    // frame at or after picture `from` to all but the last `leftOut` pictures (which the close
+    // may have cut off, or left with packets never resent); empty when they decode cleanly.
+    QByteArray decodeErrors(std::size_t connection, int from, int leftOut) const;
     // One decoded picture of one connection's payload at the stream's size; null on failure.
     QImage picture(std::size_t connection, int index) const;
 
@@ -63,6 +70,7 @@ private:
     std::atomic<bool> stopping{false};
     std::thread thread;
     std::string passphrase;
+    int latencyMs = 0;
     std::atomic<int> refusal{0};
     std::atomic<int> handshakeCount{0};
 };

@@ -1,0 +1,60 @@
+#include "ratecontroller.h"
+
+#include <QtTest>
+
+class TestRateController : public QObject {
+    Q_OBJECT
+
+private slots:
+    void followsTheLink_data() {
+        QTest::addColumn<int>("audioKbps");
+        // Stretches of identical readings, four a second, of 50 packets each: "COUNTxRTT", then
+        // "lN" N of them lost, "dN" N dropped, "s" a still picture (a tenth of the target fed).
+        QTest::addColumn<QString>("readings");
+        QTest::addColumn<int>("least");
+        QTest::addColumn<int>("most");
+        // The ceiling is 5000 kbit/s; a stream starts at 1500 and climbs by about a quarter in
+        // its first second, so that one step down lands near three quarters of that.
+        QTest::newRow("climbs to the ceiling in 10 s") << 0 << "40x40" << 5000 << 5000;
+        QTest::newRow("no climb on a still picture") << 0 << "40x40s" << 1500 << 1500;
+        QTest::newRow("random loss is no reason to fall") << 0 << "40x40l1" << 5000 << 5000;
+        QTest::newRow("a queue: one step down, no more for a while")
+            << 0 << "4x40 2x120" << 1350 << 1450;
+        QTest::newRow("packets dropped") << 0 << "4x40 1x40d3" << 1350 << 1450;
+        QTest::newRow("a queue past 100 ms: half at once") << 0 << "4x40 1x200" << 900 << 970;
+        QTest::newRow("a link that stays full: the floor") << 0 << "4x40 8x200" << 300 << 300;
+        QTest::newRow("sound's share comes off the video") << 128 << "40x40" << 5000 << 5000;
+        QTest::newRow("after a fall, a calm link climbs back")
+            << 0 << "4x40 1x40d3 48x40" << 5000 << 5000;
+        QTest::newRow("a longer route is learnt") << 0 << "4x40 1x120 140x80" << 5000 << 5000;
+    }
+
+    void followsTheLink() {
+        QFETCH(int, audioKbps);
+        QFETCH(QString, readings);
+        QFETCH(int, least);
+        QFETCH(int, most);
+        RateController controller(5000, audioKbps);
+        RateController::Sample sample;
+        sample.nowMs = 1000;
+        sample.sent = 50;
+        const QRegularExpression format("(\\d+)x(\\d+)(?:l(\\d+))?(?:d(\\d+))?(s?)");
+        for (const QString& stretch : readings.split(' ', Qt::SkipEmptyParts)) {
+            const QRegularExpressionMatch m = format.match(stretch);
+            for (int i = 0; i < m.captured(1).toInt(); ++i) {
+                sample.nowMs += 250;
+                sample.rttMs = m.captured(2).toInt();
+                sample.lost = m.captured(3).toInt();
+                sample.dropped = m.captured(4).toInt();
+                sample.bufferedMs = static_cast<int32_t>(sample.rttMs) + 10;
+                sample.fedKbps = controller.linkKbps() / (m.captured(5).isEmpty() ? 1 : 10);
+                controller.update(sample);
+            }
+        }
+        QVERIFY2(controller.videoKbps() >= least && controller.videoKbps() <= most,
+                 qPrintable(QString::number(controller.videoKbps())));
+    }
+};
+
+QTEST_APPLESS_MAIN(TestRateController)
+#include "tst_ratecontroller.moc"
