@@ -12,15 +12,11 @@
 
 #include "capturestreamer.h"
 #include "frame/drawingform.h"
-#include "startup.h"
+#include "support/childprocess.h"
 #include "support/measurement.h"
 #include "support/movingscene.h"
 #include "support/screenclock.h"
 #include "support/senders.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
 
 #include <QApplication>
 #include <QDeadlineTimer>
@@ -40,30 +36,12 @@ struct Row {
     Measurement latency;
 };
 
-// A process of its own that draws, so that its work is counted to no sender.
-class Helper {
-public:
-    explicit Helper(const QStringList& arguments) {
-        process.setStandardOutputFile(QProcess::nullDevice());
-        process.setStandardErrorFile(QProcess::nullDevice());
-        process.start(QCoreApplication::applicationFilePath(), arguments);
-        process.waitForStarted();
-        turnEventLoop(700);
-    }
-    ~Helper() {
-        process.kill();
-        process.waitForFinished();
-    }
-
-private:
-    QProcess process;
-};
-
 Row measure(Sender& sender, QRect area, int seconds, int latencyMs) {
     std::fprintf(stderr, "measuring %s...\n", sender.name());
     Row row{sender.name(), measureSender(sender, seconds, latencyMs, false), {}};
-    const Helper clock({"--clock", QString::number(area.x()), QString::number(area.y()),
-                        QString::number(area.width()), QString::number(area.height())});
+    const ChildProcess clock({"--clock", QString::number(area.x()), QString::number(area.y()),
+                              QString::number(area.width()), QString::number(area.height())},
+                             700);
     row.latency = measureSender(sender, seconds, latencyMs, true);
     return row;
 }
@@ -115,7 +93,7 @@ int childMain(int argc, char** argv) {
 }
 
 void run(int seconds, int latencyMs) {
-    const Helper scene({"--scene"});
+    const ChildProcess scene({"--scene"}, 700);
 
     // Never destroyed, as in the program: a lingering worker thread may still hold it.
     auto* streamer = new CaptureStreamer;
@@ -191,15 +169,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && argv[1][0] == '-')
         return childMain(argc, argv);
     QApplication application(argc, argv);
-    // The program's log lines on the debug channel and the encoder's notes would bury the
-    // figures; warnings and errors still show.
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-        if (type != QtDebugMsg && type != QtInfoMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
-    av_log_set_level(AV_LOG_ERROR);
-    // The program's own look, so that its windows stand where the executable's will.
-    application.setStyleSheet(applicationStyleSheetText());
+    quietBenchApplication(application);
     const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
     const int latencyMs = qEnvironmentVariableIsSet("BENCH_SRT_LATENCY_MS")
                               ? qEnvironmentVariableIntValue("BENCH_SRT_LATENCY_MS")

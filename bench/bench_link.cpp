@@ -17,7 +17,7 @@
 // DISPLAY and ffmpeg.)
 
 #include "capturestreamer.h"
-#include "startup.h"
+#include "support/childprocess.h"
 #include "support/measurement.h"
 #include "support/movingscene.h"
 #include "support/netrelay.h"
@@ -25,10 +25,6 @@
 #include "support/processstats.h"
 #include "support/screenclock.h"
 #include "support/senders.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
 
 #include <QApplication>
 #include <QProcess>
@@ -49,25 +45,6 @@ struct LinkCase {
     const char* name;
     NetRelay::Link link;
     bool changing;
-};
-
-// A process of its own that draws, so that its work is counted to no sender.
-class Helper {
-public:
-    explicit Helper(const QStringList& arguments) {
-        process.setStandardOutputFile(QProcess::nullDevice());
-        process.setStandardErrorFile(QProcess::nullDevice());
-        process.start(QCoreApplication::applicationFilePath(), arguments);
-        process.waitForStarted();
-        turnEventLoop(700);
-    }
-    ~Helper() {
-        process.kill();
-        process.waitForFinished();
-    }
-
-private:
-    QProcess process;
 };
 
 // The target bitrate the live button's tooltip shows, read four times a second.
@@ -172,9 +149,10 @@ void run(int seconds, const QString& filter) {
                 "late/ms", "ours: target end/least/after return", "receiver's libsrt counts");
     std::fflush(stdout);
     for (const char* scene : {"pages", "moving"}) {
-        const Helper drawing({QString("--") + scene});
-        const Helper clock({"--clock", QString::number(area.x()), QString::number(area.y()),
-                            QString::number(area.width()), QString::number(area.height())});
+        const ChildProcess drawing({QString("--") + scene}, 700);
+        const ChildProcess clock({"--clock", QString::number(area.x()), QString::number(area.y()),
+                                  QString::number(area.width()), QString::number(area.height())},
+                                 700);
         for (const LinkCase& linkCase : cases) {
             if (!filter.isEmpty() && !QString(linkCase.name).contains(filter) && filter != scene)
                 continue;
@@ -219,12 +197,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && argv[1][0] == '-')
         return childMain(argc, argv);
     QApplication application(argc, argv);
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-        if (type != QtDebugMsg && type != QtInfoMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
-    av_log_set_level(AV_LOG_ERROR);
-    application.setStyleSheet(applicationStyleSheetText());
+    quietBenchApplication(application);
     const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
     run(seconds, argc > 2 ? QString(argv[2]) : QString());
     std::_Exit(0); // lingering tick threads hold the streamer: leave without tearing down

@@ -11,6 +11,7 @@
 #include "frame/wcapture.h"
 #include "mainwindow.h"
 #include "support/freeport.h"
+#include "support/measurement.h"
 
 #include <QApplication>
 #include <QDeadlineTimer>
@@ -119,25 +120,6 @@ void kill(std::unique_ptr<QProcess>& server) {
     server->kill();
     server->waitForFinished();
     server.reset();
-}
-
-// Runs the event loop until the condition holds or the time is up; the milliseconds it took.
-qint64 runUntil(const std::function<bool()>& done, int timeoutMs) {
-    QElapsedTimer elapsed;
-    elapsed.start();
-    const QDeadlineTimer deadline(timeoutMs);
-    // Asleep in the event loop between looks: a busy loop would keep the interface thread on a
-    // processor and take it from the program's own threads.
-    QEventLoop loop;
-    QTimer look;
-    QObject::connect(&look, &QTimer::timeout, [&] {
-        if (done() || deadline.hasExpired())
-            loop.quit();
-    });
-    look.start(5);
-    if (!done())
-        loop.exec();
-    return elapsed.elapsed();
 }
 
 bool received(const QString& file) {

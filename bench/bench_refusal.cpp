@@ -11,6 +11,7 @@
 #include "frame/wcapture.h"
 #include "mainwindow.h"
 #include "support/freeport.h"
+#include "support/measurement.h"
 #include "support/srtlistener.h"
 
 #include <QApplication>
@@ -36,23 +37,6 @@ namespace {
 
 int threadCount() {
     return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
-}
-
-// Runs the event loop until the condition holds or the time is up; the milliseconds it took.
-qint64 runUntil(const std::function<bool()>& done, int timeoutMs) {
-    QElapsedTimer elapsed;
-    elapsed.start();
-    const QDeadlineTimer deadline(timeoutMs);
-    QEventLoop loop;
-    QTimer look;
-    QObject::connect(&look, &QTimer::timeout, [&] {
-        if (done() || deadline.hasExpired())
-            loop.quit();
-    });
-    look.start(5);
-    if (!done())
-        loop.exec();
-    return elapsed.elapsed();
 }
 
 // Every log line also reaches the debug channel: the lines of each kind the refusal wrote.

@@ -12,15 +12,11 @@
 // DISPLAY and ffmpeg)
 
 #include "capturestreamer.h"
-#include "startup.h"
+#include "support/childprocess.h"
 #include "support/measurement.h"
 #include "support/movingscene.h"
 #include "support/pagescene.h"
 #include "support/senders.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
 
 #include <QApplication>
 #include <QProcess>
@@ -43,25 +39,6 @@ struct Scene {
 const Scene scenes[] = {{"--still", "still black picture", 0.6},
                         {"--pages", "page of text turned every 4 s", 0.8},
                         {"--moving", "picture moving everywhere", 1.0}};
-
-// The scene in a process of its own, so that its drawing is counted to no sender.
-class SceneProcess {
-public:
-    explicit SceneProcess(const char* argument) {
-        process.setStandardOutputFile(QProcess::nullDevice());
-        process.setStandardErrorFile(QProcess::nullDevice());
-        process.start(QCoreApplication::applicationFilePath(), {argument});
-        process.waitForStarted();
-        turnEventLoop(1000);
-    }
-    ~SceneProcess() {
-        process.kill();
-        process.waitForFinished();
-    }
-
-private:
-    QProcess process;
-};
 
 void printRow(const char* sender, const Measurement& m) {
     if (!m.ok) {
@@ -95,13 +72,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && argv[1][0] == '-')
         return sceneMain(argc, argv);
     QApplication application(argc, argv);
-    // The program's log lines and the encoder's notes would bury the figures.
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-        if (type != QtDebugMsg && type != QtInfoMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
-    av_log_set_level(AV_LOG_ERROR);
-    application.setStyleSheet(applicationStyleSheetText());
+    quietBenchApplication(application);
     const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
 
     // Never destroyed, as in the program: a lingering worker thread may still hold it.
@@ -122,7 +93,7 @@ int main(int argc, char** argv) {
     for (const Scene& scene : scenes) {
         if (!only.isEmpty() && only != scene.argument)
             continue;
-        const SceneProcess shown(scene.argument);
+        const ChildProcess shown({scene.argument}, 1000);
         // ffmpeg first: once stopped, the program shows its start form over the area, which only
         // the next scene's window covers again.
         const Measurement b = measureSender(ffmpeg, seconds, latencyMs, false);

@@ -18,17 +18,12 @@
 // ffmpeg and srt-live-transmit)
 
 #include "capturestreamer.h"
-#include "startup.h"
 #include "support/freeport.h"
 #include "support/measurement.h"
 #include "support/processstats.h"
 #include "support/senders.h"
 #include "support/soundserver.h"
 #include "support/testglobalstate.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -335,12 +330,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && argv[1][0] == '-')
         return childMain(argc, argv);
     QApplication application(argc, argv);
-    av_log_set_level(AV_LOG_ERROR);
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-        if (type != QtDebugMsg && type != QtInfoMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
-    application.setStyleSheet(applicationStyleSheetText());
+    quietBenchApplication(application);
     run(argc > 1 ? std::max(5, std::atoi(argv[1])) : 30);
     std::_Exit(0); // lingering tick threads hold the streamer: leave without tearing down
 }

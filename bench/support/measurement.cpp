@@ -1,16 +1,23 @@
 #include "measurement.h"
 
 #include "processstats.h"
+#include "startup.h"
 #include "support/freeport.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QProcess>
 #include <QTimer>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <sstream>
 
 namespace {
@@ -183,6 +190,33 @@ void turnEventLoop(int ms) {
     QEventLoop loop;
     QTimer::singleShot(ms, &loop, &QEventLoop::quit);
     loop.exec();
+}
+
+qint64 runUntil(const std::function<bool()>& done, int timeoutMs) {
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const QDeadlineTimer deadline(timeoutMs);
+    // Asleep in the event loop between looks: a busy loop would keep the interface thread on a
+    // processor and take it from the program's own threads.
+    QEventLoop loop;
+    QTimer look;
+    QObject::connect(&look, &QTimer::timeout, [&] {
+        if (done() || deadline.hasExpired())
+            loop.quit();
+    });
+    look.start(5);
+    if (!done())
+        loop.exec();
+    return elapsed.elapsed();
+}
+
+void quietBenchApplication(QApplication& application) {
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
+        if (type != QtDebugMsg && type != QtInfoMsg)
+            std::fprintf(stderr, "%s\n", qPrintable(text));
+    });
+    av_log_set_level(AV_LOG_ERROR);
+    application.setStyleSheet(applicationStyleSheetText());
 }
 
 double percentile(std::vector<double> values, double fraction) {

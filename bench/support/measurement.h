@@ -2,6 +2,8 @@
 
 #include "sender.h"
 
+#include <QApplication>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -41,5 +43,14 @@ Measurement measureSender(Sender& sender, int seconds, int latencyMs, bool decod
 
 // Runs the event loop for ms milliseconds, asleep while nothing happens.
 void turnEventLoop(int ms);
+
+// Runs the event loop until the condition holds or the time is up, asleep between looks; the
+// milliseconds it took.
+qint64 runUntil(const std::function<bool()>& done, int timeoutMs);
+
+// The bench's application in the program's own look, so that its windows stand where the
+// executable's will; the program's log lines on the debug channel and the encoder's notes would
+// bury the figures, so only warnings and errors show.
+void quietBenchApplication(QApplication& application);
 
 double percentile(std::vector<double> values, double fraction);
