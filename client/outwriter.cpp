@@ -162,8 +162,11 @@ bool OUTWriter::repeatPicture(int64_t dueMs) {
     const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
     if (pts <= lastPts)
         return true;
-    if (audio.writePackets(output, dueMs) && sendFrame(pts))
-        return true;
+    if (audio.writePackets(output, dueMs)) {
+        const bool keyFrame = keyFrameDue();
+        if (keyFrame || !repeat.ready() ? sendFrame(pts, keyFrame) : writeRepeat(pts))
+            return true;
+    }
     if (error.empty())
         error = "No connection to server";
     active = false;
@@ -254,7 +257,8 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     }
     frame = av_frame_alloc();
     packet = av_packet_alloc();
-    if (!frame || !packet) {
+    repeatPacket = av_packet_alloc();
+    if (!frame || !packet || !repeatPacket) {
         logLine(frame ? "OUTWriter failed to allocate packet"
                       : "OUTWriter failed to allocate frame");
         return false;
@@ -368,14 +372,22 @@ bool OUTWriter::encodeFrame(const uint8_t* data, int stride, int64_t pts) {
         return false;
     }
     scaler.scale(data, stride, frame);
-    return sendFrame(pts);
+    return sendFrame(pts, keyFrameDue());
 }
 
-bool OUTWriter::sendFrame(int64_t pts) {
-    // The encoder takes a reference of its own and copies the picture in; the frame stays ours.
+bool OUTWriter::keyFrameDue() {
     // Back after an outage, the stream starts again with a key frame, which the muxer precedes
     // with its tables: the server's viewers see a picture at once, not at the next key frame.
-    frame->pict_type = connection.resumed() ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    // The encoder counts only the pictures it makes, and repeats are not among them, so the
+    // key frame period is kept here, in ticks.
+    ++ticksSinceKeyFrame;
+    const bool resumed = connection.resumed();
+    return resumed || ticksSinceKeyFrame >= codec->gop_size;
+}
+
+bool OUTWriter::sendFrame(int64_t pts, bool keyFrame) {
+    // The encoder takes a reference of its own and copies the picture in; the frame stays ours.
+    frame->pict_type = keyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     frame->pts = pts;
     lastPts = pts;
     ++frameIndex;
@@ -404,19 +416,44 @@ bool OUTWriter::drainEncoder(bool flush) {
             logLine("OUTWriter failed to receive packet: ", errorText(received));
             return false;
         }
-        av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
-        packet->stream_index = stream->index;
-        // Written at once: interleaving would hold each picture back until sound came after it.
-        const int written = av_write_frame(output, packet);
+        repeat.observe(packet->data, packet->size);
+        if (packet->flags & AV_PKT_FLAG_KEY)
+            ticksSinceKeyFrame = 0;
+        const bool written = writeVideoPacket(packet);
         av_packet_unref(packet);
-        if (written < 0) {
-            logLine("OUTWriter failed to write packet: ", errorText(written));
+        if (!written)
             return false;
-        }
     }
     // The output buffer holds more than a second of a still picture: each frame leaves at once
     // instead of waiting for the buffer to fill, which viewers would see as delay.
     avio_flush(io);
+    return true;
+}
+
+bool OUTWriter::writeRepeat(int64_t pts) {
+    const std::vector<uint8_t>& bytes = repeat.make();
+    // The muxer only reads a packet it is handed without a buffer of its own.
+    repeatPacket->data = const_cast<uint8_t*>(bytes.data());
+    repeatPacket->size = static_cast<int>(bytes.size());
+    repeatPacket->pts = pts;
+    repeatPacket->dts = pts;
+    lastPts = pts;
+    ++frameIndex;
+    if (!writeVideoPacket(repeatPacket))
+        return false;
+    avio_flush(io);
+    return true;
+}
+
+bool OUTWriter::writeVideoPacket(AVPacket* videoPacket) {
+    av_packet_rescale_ts(videoPacket, codec->time_base, stream->time_base);
+    videoPacket->stream_index = stream->index;
+    // Written at once: interleaving would hold each picture back until sound came after it.
+    const int written = av_write_frame(output, videoPacket);
+    if (written < 0) {
+        logLine("OUTWriter failed to write packet: ", errorText(written));
+        return false;
+    }
     return true;
 }
 
@@ -438,6 +475,8 @@ void OUTWriter::releaseAll() {
     audio.stop();
     scaler.release();
     av_packet_free(&packet);
+    av_packet_free(&repeatPacket);
+    repeat.reset();
     av_frame_free(&frame);
     avcodec_free_context(&codec);
     if (output) {
@@ -459,5 +498,6 @@ void OUTWriter::releaseAll() {
     pictureHeld = false;
     width = height = 0;
     frameIndex = 0;
+    ticksSinceKeyFrame = 0;
     lastPts = -1;
 }

@@ -3,6 +3,7 @@
 #include "audiotrack.h"
 #include "encodercandidate.h"
 #include "picturescaler.h"
+#include "repeatpicture.h"
 #include "srtconnection.h"
 #include "streamparams.h"
 
@@ -48,8 +49,9 @@ public:
                       int64_t dueMs);
     // True while the encoder's picture is the one the last writePicture() converted.
     bool holdsPicture() const { return pictureHeld; }
-    // The live path when nothing under the frame changed since that picture: it goes to the
-    // encoder again, unconverted, with dueMs as its time stamp. Only while holdsPicture().
+    // The live path when nothing under the frame changed since that picture: it is shown again
+    // with dueMs as its time stamp, by a picture of skips after each encoded one (see
+    // RepeatPicture) and otherwise by the encoder, unconverted. Only while holdsPicture().
     bool repeatPicture(int64_t dueMs);
     // Flushes and closes whatever runs; harmless when nothing does.
     void stop();
@@ -73,8 +75,12 @@ private:
     bool initOutput();
     bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
     bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
-    bool sendFrame(int64_t pts);
+    // Counts the tick; true when its picture must be a key frame.
+    bool keyFrameDue();
+    bool sendFrame(int64_t pts, bool keyFrame);
+    bool writeRepeat(int64_t pts);
     bool drainEncoder(bool flush);
+    bool writeVideoPacket(AVPacket* videoPacket);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
     static int writePacket(void* opaque, const uint8_t* buffer, int size);
@@ -92,6 +98,7 @@ private:
     int64_t frameIndex = 0;
     int64_t lastPts = -1;
     bool pictureHeld = false;
+    int ticksSinceKeyFrame = 0;
     int32_t encodedKbps = 0; // the target the encoder works to; 0: it cannot change
     AVFormatContext* output = nullptr;
     AVIOContext* io = nullptr;
@@ -100,6 +107,8 @@ private:
     AVStream* stream = nullptr;
     AVFrame* frame = nullptr;
     AVPacket* packet = nullptr;
+    AVPacket* repeatPacket = nullptr; // points into `repeat`'s bytes, owns no buffer
+    RepeatPicture repeat;
     PictureScaler scaler;
     // The sound config.ini asks for, as a second stream of the same output.
     AudioTrack audio;
