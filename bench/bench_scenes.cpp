@@ -45,8 +45,8 @@ void printRow(const char* sender, const Measurement& m) {
         std::printf("  %-14s failed: %s\n", sender, m.error.c_str());
         return;
     }
-    std::printf("  %-14s %8.2f %7d %9.2f\n", sender, m.framesPerSecond(), m.missed,
-                m.cpuMsPerFrame);
+    std::printf("  %-14s %8.2f %7d %9.2f %7.0f\n", sender, m.framesPerSecond(), m.missed,
+                m.cpuMsPerFrame, m.receivedKbps);
 }
 
 int sceneMain(int argc, char** argv) {
@@ -82,9 +82,9 @@ int main(int argc, char** argv) {
     const QRect area = streamer->captureSource().area().device;
     std::printf("bench_scenes: %d s per run after 3 s of warm-up; area %dx%d at %d,%d stretched to "
                 "1920x1080, 25 frames/s, libx264 veryfast/zerolatency 5 Mbit/s GOP 25, MPEG-TS "
-                "over SRT to 127.0.0.1\n%-16s %8s %7s %9s\n",
+                "over SRT to 127.0.0.1\n%-16s %8s %7s %9s %7s\n",
                 seconds, area.width(), area.height(), area.x(), area.y(), "", "frames/s", "missed",
-                "CPU ms/fr");
+                "CPU ms/fr", "kbit/s");
     std::fflush(stdout);
 
     InProcessSender ours(*streamer);
