@@ -1,5 +1,6 @@
 #include "outwriter.h"
 
+#include "averror.h"
 #include "globalstate.h"
 #include "logfile.h"
 #include "srtaddress.h"
@@ -17,49 +18,8 @@ extern "C" {
 namespace {
 
 constexpr int ioBufferSize = 32768;
-constexpr const char* defaultCodec = "libopenh264";
-constexpr int defaultFps = 25;
-// Past this a live picture gains nothing, and every frame's share of the bitrate and the key
-// frames' spacing (one a second's worth of frames) go wrong.
-constexpr int maxFps = 120;
-constexpr int defaultBitrate = 1000000;
 constexpr int streamWidth = 1920;
 constexpr int streamHeight = 1080;
-// The encoder's buffer (VBV) holds this share of the receiver's latency at the target rate:
-// the largest burst a picture change may put on the link then drains at the target rate in
-// that share, and what the link loses of it can still be sent again in the rest. A packet
-// lost at the tail of a burst is resent after the burst has drained, a round trip and the
-// rest of the queue later; with the latency four round trips (160 ms at 20 ms each way) a
-// quarter leaves a round trip to spare for a resend that is lost too. A third, with the
-// target a little above a 4 Mbit/s link, queued page flips for up to 66 ms, and the
-// receiver gave up one packet in every few thousand exactly at its play time (bench_link,
-// README); a whole latency's worth broke every flip.
-constexpr double vbvLatencyShare = 1.0 / 4;
-// Never less than one frame's share, nor more than a second.
-constexpr int maxVbvMs = 1000;
-
-std::string errorText(int code) {
-    char text[64] = {};
-    av_strerror(code, text, sizeof text);
-    return text;
-}
-
-struct EncoderConfig {
-    std::string codec = defaultCodec;
-    int fps = defaultFps;
-    int bitrate = defaultBitrate;
-};
-
-EncoderConfig configuredEncoder() {
-    EncoderConfig config;
-    if (globalState && globalState->config()) {
-        const StreamConfig* stream = globalState->config();
-        config.codec = stream->codec.toLocal8Bit().toStdString();
-        config.fps = stream->fps;
-        config.bitrate = stream->bitrate;
-    }
-    return config;
-}
 
 // config.ini's `audio`: empty when the stream carries no sound.
 std::string configuredSound() {
@@ -70,7 +30,8 @@ std::string configuredSound() {
 
 } // namespace
 
-OUTWriter::OUTWriter() = default;
+OUTWriter::OUTWriter()
+    : encoder([this](AVPacket* videoPacket) { return writeVideoPacket(videoPacket); }) {}
 
 OUTWriter::~OUTWriter() {
     stop();
@@ -121,7 +82,8 @@ bool OUTWriter::writeFrame(const uint8_t* data, int64_t, int frameWidth, int fra
     }
     // Same size in and out: only the colour conversion and chroma subsampling happen, so the
     // fastest filter loses nothing. Time stamps count frames.
-    const int64_t frameMs = av_rescale_q(lastPts + 1, codec->time_base, AVRational{1, 1000});
+    const int64_t frameMs =
+        av_rescale_q(lastPts + 1, encoder.context()->time_base, AVRational{1, 1000});
     if (audio.writePackets(output, frameMs) &&
         prepareScaler(AV_PIX_FMT_RGB24, width, height, SWS_FAST_BILINEAR) &&
         encodeFrame(data, bytesPerLine, lastPts + 1))
@@ -140,7 +102,7 @@ bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pict
         return false;
     // Ticks come at their own period; a tick that falls into the period of the frame before
     // it brings nothing that stream needs, and its time stamp would not be strictly later.
-    const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
+    const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, encoder.context()->time_base);
     // A picture left out is not the one the encoder holds.
     pictureHeld = false;
     if (pts <= lastPts)
@@ -159,14 +121,11 @@ bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pict
 bool OUTWriter::repeatPicture(int64_t dueMs) {
     if (!active || !pictureHeld || dueMs < 0)
         return false;
-    const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, codec->time_base);
+    const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, encoder.context()->time_base);
     if (pts <= lastPts)
         return true;
-    if (audio.writePackets(output, dueMs)) {
-        const bool keyFrame = keyFrameDue();
-        if (keyFrame || !repeat.ready() ? sendFrame(pts, keyFrame) : writeRepeat(pts))
-            return true;
-    }
+    if (audio.writePackets(output, dueMs) && sendFrame(pts, true))
+        return true;
     if (error.empty())
         error = "No connection to server";
     active = false;
@@ -194,8 +153,9 @@ void OUTWriter::stop() {
         logLine("OUTWriter stop. frames=", frameIndex);
     // The trailer goes out only over a connection that is still there.
     connection.stopReconnecting();
-    if (active && codec && output && initialised) {
-        drainEncoder(true);
+    if (active && output && initialised) {
+        if (encoder.flush())
+            avio_flush(io);
         av_write_trailer(output);
     }
     releaseAll();
@@ -207,92 +167,26 @@ void OUTWriter::stop() {
 bool OUTWriter::initEncoder(int newWidth, int newHeight) {
     width = newWidth;
     height = newHeight;
-    const EncoderConfig config = configuredEncoder();
-
-    EncoderCandidate candidate{};
-    const AVCodec* encoder = chooseEncoder(config.codec, candidate);
-    if (!encoder)
-        return false;
-    codec = avcodec_alloc_context3(encoder);
-    if (!codec) {
-        logLine("OUTWriter failed to allocate codec context");
-        return false;
-    }
-    const bool fpsUsable = config.fps >= 1 && config.fps <= maxFps;
-    if (!fpsUsable)
-        logLine("OUTWriter fps ", config.fps, " is not used: outside 1 to ", maxFps,
-                ", encoding at ", defaultFps);
-    const int fps = fpsUsable ? config.fps : defaultFps;
-    codec->codec_id = AV_CODEC_ID_H264;
-    codec->codec_type = AVMEDIA_TYPE_VIDEO;
-    codec->width = width;
-    codec->height = height;
-    codec->pix_fmt = candidate.pixelFormat;
-    codec->time_base = AVRational{1, fps};
-    codec->framerate = AVRational{fps, 1};
-    // FFmpeg's libx264 wrapper reconfigures the running encoder when the codec context's
-    // bitrate, maximum rate or buffer size change; the other encoders keep what they open with.
-    const bool followsLink = std::string(encoder->name ? encoder->name : "") == "libx264";
     LinkStats& link = connection.linkStats();
-    if (!followsLink)
+    const bool globalHeader =
+        output && output->oformat && (output->oformat->flags & AVFMT_GLOBALHEADER);
+    if (!encoder.open(width, height, globalHeader, link.videoTargetKbps(), ceilingKbps(),
+                      latencyMs()))
+        return false;
+    if (!encoder.followsLink())
         link.configure(ceilingKbps(), audioBitrateKbps(), false);
-    encodedKbps = followsLink ? link.videoTargetKbps() : 0;
-    limitRate(codec, link.videoTargetKbps());
-    codec->gop_size = fps;
-    codec->max_b_frames = 0;
-    codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    // What the scaler's matrix and range are: players that honour the tags show true colours.
-    codec->color_primaries = AVCOL_PRI_BT709;
-    codec->color_trc = AVCOL_TRC_BT709;
-    codec->colorspace = AVCOL_SPC_BT709;
-    codec->color_range = AVCOL_RANGE_MPEG;
-    if (output && output->oformat && (output->oformat->flags & AVFMT_GLOBALHEADER))
-        codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    setEncoderOptions(codec, candidate);
-
-    const int opened = avcodec_open2(codec, encoder, nullptr);
-    if (opened < 0) {
-        logLine("OUTWriter failed to open encoder: ", errorText(opened));
-        return false;
-    }
-    frame = av_frame_alloc();
-    packet = av_packet_alloc();
-    repeatPacket = av_packet_alloc();
-    if (!frame || !packet || !repeatPacket) {
-        logLine(frame ? "OUTWriter failed to allocate packet"
-                      : "OUTWriter failed to allocate frame");
-        return false;
-    }
-    frame->format = codec->pix_fmt;
-    frame->width = width;
-    frame->height = height;
-    frame->color_primaries = codec->color_primaries;
-    frame->color_trc = codec->color_trc;
-    frame->colorspace = codec->colorspace;
-    frame->color_range = codec->color_range;
-    const int buffered = av_frame_get_buffer(frame, 32);
-    if (buffered < 0) {
-        logLine("OUTWriter failed to allocate frame buffer: ", errorText(buffered));
-        return false;
-    }
+    encodedKbps = encoder.followsLink() ? link.videoTargetKbps() : 0;
     return true;
 }
 
 int32_t OUTWriter::ceilingKbps() const {
     if (settings.videoBitrateKbps > 0)
         return settings.videoBitrateKbps;
-    return std::max(1, configuredEncoder().bitrate / 1000);
+    return std::max(1, VideoEncoder::configured().bitrate / 1000);
 }
 
-void OUTWriter::limitRate(AVCodecContext* context, int32_t videoKbps) const {
-    const int fps = context->framerate.num > 0 ? context->framerate.num : defaultFps;
-    const int latencyMs = connection.latencyMs() > 0 ? connection.latencyMs() : settings.latency;
-    const int bufferMs =
-        std::clamp(static_cast<int>(latencyMs * vbvLatencyShare), 1000 / fps, maxVbvMs);
-    const int64_t bitsPerSecond = static_cast<int64_t>(videoKbps) * 1000;
-    context->bit_rate = bitsPerSecond;
-    context->rc_max_rate = bitsPerSecond;
-    context->rc_buffer_size = static_cast<int>(bitsPerSecond * bufferMs / 1000);
+int OUTWriter::latencyMs() const {
+    return connection.latencyMs() > 0 ? connection.latencyMs() : settings.latency;
 }
 
 void OUTWriter::followLinkTarget() {
@@ -300,29 +194,21 @@ void OUTWriter::followLinkTarget() {
     if (encodedKbps == 0 || target == encodedKbps)
         return;
     // Read by libavcodec as the next frame is sent: no new key frame, no new stream.
-    limitRate(codec, target);
+    encoder.setTarget(target, latencyMs());
     encodedKbps = target;
 }
 
 bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter) {
-    if (scaler.prepare(format, sourceWidth, sourceHeight, frame, filter))
+    if (scaler.prepare(format, sourceWidth, sourceHeight, encoder.picture(), filter))
         return true;
     error = "Failed to convert the picture for the encoder";
     return false;
 }
 
-void OUTWriter::setEncoderOptions(AVCodecContext* context, const EncoderCandidate& candidate) {
-    if (candidate.name)
-        return;
-    // Encoders without these options refuse them, which is fine: they are only a latency hint.
-    av_opt_set(context->priv_data, "preset", "veryfast", 0);
-    av_opt_set(context->priv_data, "tune", "zerolatency", 0);
-}
-
 bool OUTWriter::initOutput() {
     const int allocated = avformat_alloc_output_context2(&output, nullptr, "mpegts", nullptr);
     if (allocated < 0 || !output) {
-        logLine("OUTWriter failed to allocate output context: ", errorText(allocated));
+        logLine("OUTWriter failed to allocate output context: ", averrorText(allocated));
         return false;
     }
     ioBuffer = static_cast<uint8_t*>(av_malloc(ioBufferSize));
@@ -343,10 +229,10 @@ bool OUTWriter::initOutput() {
         logLine("OUTWriter failed to create video stream");
         return false;
     }
-    stream->time_base = codec->time_base;
-    const int copied = avcodec_parameters_from_context(stream->codecpar, codec);
+    stream->time_base = encoder.context()->time_base;
+    const int copied = avcodec_parameters_from_context(stream->codecpar, encoder.context());
     if (copied < 0) {
-        logLine("OUTWriter failed to copy encoder parameters: ", errorText(copied));
+        logLine("OUTWriter failed to copy encoder parameters: ", averrorText(copied));
         return false;
     }
     // With its length in the header, a video PES is complete as soon as its last byte
@@ -357,101 +243,41 @@ bool OUTWriter::initOutput() {
         return false;
     const int written = avformat_write_header(output, nullptr);
     if (written < 0) {
-        logLine("OUTWriter failed to write output header: ", errorText(written));
+        logLine("OUTWriter failed to write output header: ", averrorText(written));
         return false;
     }
     return true;
 }
 
 bool OUTWriter::encodeFrame(const uint8_t* data, int stride, int64_t pts) {
-    // Only a copy when the encoder still holds the last picture, which the scaler must then
-    // not overwrite; the encoders here let go of it once it is sent.
-    const int writable = av_frame_make_writable(frame);
-    if (writable < 0) {
-        logLine("OUTWriter failed to make frame writable: ", errorText(writable));
+    if (!encoder.makePictureWritable())
         return false;
-    }
-    scaler.scale(data, stride, frame);
-    return sendFrame(pts, keyFrameDue());
+    scaler.scale(data, stride, encoder.picture());
+    return sendFrame(pts, false);
 }
 
-bool OUTWriter::keyFrameDue() {
+bool OUTWriter::sendFrame(int64_t pts, bool again) {
     // Back after an outage, the stream starts again with a key frame, which the muxer precedes
     // with its tables: the server's viewers see a picture at once, not at the next key frame.
-    // The encoder counts only the pictures it makes, and repeats are not among them, so the
-    // key frame period is kept here, in ticks.
-    ++ticksSinceKeyFrame;
-    const bool resumed = connection.resumed();
-    return resumed || ticksSinceKeyFrame >= codec->gop_size;
-}
-
-bool OUTWriter::sendFrame(int64_t pts, bool keyFrame) {
-    // The encoder takes a reference of its own and copies the picture in; the frame stays ours.
-    frame->pict_type = keyFrame ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-    frame->pts = pts;
+    const bool keyFrame = encoder.keyFrameDue(connection.resumed());
     lastPts = pts;
     ++frameIndex;
     followLinkTarget();
-    const int sent = avcodec_send_frame(codec, frame);
-    if (sent < 0) {
-        logLine("OUTWriter failed to send frame: ", errorText(sent));
+    if (!(again ? encoder.encodeAgain(pts, keyFrame) : encoder.encode(pts, keyFrame)))
         return false;
-    }
-    return drainEncoder(false);
-}
-
-bool OUTWriter::drainEncoder(bool flush) {
-    if (flush) {
-        const int flushed = avcodec_send_frame(codec, nullptr);
-        if (flushed < 0 && flushed != AVERROR_EOF) {
-            logLine("OUTWriter failed to flush encoder: ", errorText(flushed));
-            return false;
-        }
-    }
-    for (;;) {
-        const int received = avcodec_receive_packet(codec, packet);
-        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF)
-            break;
-        if (received < 0) {
-            logLine("OUTWriter failed to receive packet: ", errorText(received));
-            return false;
-        }
-        repeat.observe(packet->data, packet->size);
-        if (packet->flags & AV_PKT_FLAG_KEY)
-            ticksSinceKeyFrame = 0;
-        const bool written = writeVideoPacket(packet);
-        av_packet_unref(packet);
-        if (!written)
-            return false;
-    }
     // The output buffer holds more than a second of a still picture: each frame leaves at once
     // instead of waiting for the buffer to fill, which viewers would see as delay.
     avio_flush(io);
     return true;
 }
 
-bool OUTWriter::writeRepeat(int64_t pts) {
-    const std::vector<uint8_t>& bytes = repeat.make();
-    // The muxer only reads a packet it is handed without a buffer of its own.
-    repeatPacket->data = const_cast<uint8_t*>(bytes.data());
-    repeatPacket->size = static_cast<int>(bytes.size());
-    repeatPacket->pts = pts;
-    repeatPacket->dts = pts;
-    lastPts = pts;
-    ++frameIndex;
-    if (!writeVideoPacket(repeatPacket))
-        return false;
-    avio_flush(io);
-    return true;
-}
-
 bool OUTWriter::writeVideoPacket(AVPacket* videoPacket) {
-    av_packet_rescale_ts(videoPacket, codec->time_base, stream->time_base);
+    av_packet_rescale_ts(videoPacket, encoder.context()->time_base, stream->time_base);
     videoPacket->stream_index = stream->index;
     // Written at once: interleaving would hold each picture back until sound came after it.
     const int written = av_write_frame(output, videoPacket);
     if (written < 0) {
-        logLine("OUTWriter failed to write packet: ", errorText(written));
+        logLine("OUTWriter failed to write packet: ", averrorText(written));
         return false;
     }
     return true;
@@ -474,11 +300,7 @@ int OUTWriter::writePacket(void* opaque, uint8_t* buffer, int size) {
 void OUTWriter::releaseAll() {
     audio.stop();
     scaler.release();
-    av_packet_free(&packet);
-    av_packet_free(&repeatPacket);
-    repeat.reset();
-    av_frame_free(&frame);
-    avcodec_free_context(&codec);
+    encoder.release();
     if (output) {
         output->pb = nullptr;
         avformat_free_context(output);
@@ -498,6 +320,5 @@ void OUTWriter::releaseAll() {
     pictureHeld = false;
     width = height = 0;
     frameIndex = 0;
-    ticksSinceKeyFrame = 0;
     lastPts = -1;
 }

@@ -1,11 +1,10 @@
 #pragma once
 
 #include "audiotrack.h"
-#include "encodercandidate.h"
 #include "picturescaler.h"
-#include "repeatpicture.h"
 #include "srtconnection.h"
 #include "streamparams.h"
+#include "videoencoder.h"
 
 extern "C" {
 #include <libavformat/version.h>
@@ -66,20 +65,16 @@ public:
 private:
     bool openStream(int newWidth, int newHeight);
     bool initEncoder(int newWidth, int newHeight);
-    static void setEncoderOptions(AVCodecContext* context, const EncoderCandidate& candidate);
     // The bitrate follows the link: a ceiling from the settings, a target from the link's
     // statistics, reaching the running encoder between frames.
     int32_t ceilingKbps() const;
-    void limitRate(AVCodecContext* context, int32_t videoKbps) const;
+    int latencyMs() const;
     void followLinkTarget();
     bool initOutput();
     bool prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter);
     bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
-    // Counts the tick; true when its picture must be a key frame.
-    bool keyFrameDue();
-    bool sendFrame(int64_t pts, bool keyFrame);
-    bool writeRepeat(int64_t pts);
-    bool drainEncoder(bool flush);
+    // again: the picture the encoder was last given, shown once more.
+    bool sendFrame(int64_t pts, bool again);
     bool writeVideoPacket(AVPacket* videoPacket);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
@@ -98,17 +93,12 @@ private:
     int64_t frameIndex = 0;
     int64_t lastPts = -1;
     bool pictureHeld = false;
-    int ticksSinceKeyFrame = 0;
     int32_t encodedKbps = 0; // the target the encoder works to; 0: it cannot change
     AVFormatContext* output = nullptr;
     AVIOContext* io = nullptr;
     uint8_t* ioBuffer = nullptr;
-    AVCodecContext* codec = nullptr;
     AVStream* stream = nullptr;
-    AVFrame* frame = nullptr;
-    AVPacket* packet = nullptr;
-    AVPacket* repeatPacket = nullptr; // points into `repeat`'s bytes, owns no buffer
-    RepeatPicture repeat;
+    VideoEncoder encoder;
     PictureScaler scaler;
     // The sound config.ini asks for, as a second stream of the same output.
     AudioTrack audio;

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "repeatpicture.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+struct AVCodecContext;
+struct AVFrame;
+struct AVPacket;
+
+// What config.ini asks of the encoder; defaults where there is no configuration.
+struct EncoderConfig {
+    std::string codec = "libopenh264";
+    int fps = 25;
+    int bitrate = 1000000;
+};
+
+// The picture's encoder: H.264 at one size, opened with the configured codec and frame rate,
+// its bitrate kept at a target that may change between frames, a key frame every second's worth
+// of ticks, and an unchanged picture shown again by a RepeatPicture where the stream allows.
+// Every packet it makes goes to the sink it was built with, in order, time stamps in its
+// context's time base. Owns the codec context, the picture it encodes from and its packets.
+class VideoEncoder {
+public:
+    using Sink = std::function<bool(AVPacket*)>;
+
+    explicit VideoEncoder(Sink sink);
+    ~VideoEncoder();
+    VideoEncoder(const VideoEncoder&) = delete;
+    VideoEncoder& operator=(const VideoEncoder&) = delete;
+
+    static EncoderConfig configured();
+
+    // False, with the reason in the log, where no encoder opens. globalHeader: the container
+    // wants the parameter sets apart from the packets.
+    // The bitrate is linkTargetKbps where it can follow the link, else ceilingKbps.
+    bool open(int width, int height, bool globalHeader, int32_t linkTargetKbps, int32_t ceilingKbps,
+              int latencyMs);
+    // Only libx264, through FFmpeg's wrapper, takes a new bitrate while it runs.
+    bool followsLink() const { return adjustable; }
+    // The bitrate to work to, with a buffer sized from the receiver's latency; read by the
+    // encoder as the next picture is sent.
+    void setTarget(int32_t kbps, int latencyMs);
+    AVCodecContext* context() const { return codec; }
+    // The picture to convert into; writable until it is sent.
+    AVFrame* picture() { return frame; }
+    bool makePictureWritable();
+    // Counts one tick; true when its picture must be a key frame: one second's worth of ticks
+    // after the last, or `resumed`, when the stream starts again after an outage.
+    bool keyFrameDue(bool resumed);
+    bool encode(int64_t pts, bool keyFrame);
+    // The picture last encoded, again: a repeat where the stream allows one, else encoded.
+    bool encodeAgain(int64_t pts, bool keyFrame);
+    // Hands over what the encoder still holds.
+    bool flush();
+    void release();
+
+private:
+    bool drain();
+
+    Sink sink;
+    AVCodecContext* codec = nullptr;
+    AVFrame* frame = nullptr;
+    AVPacket* packet = nullptr;
+    AVPacket* repeatPacket = nullptr; // points into `repeat`'s bytes, owns no buffer
+    RepeatPicture repeat;
+    bool adjustable = false;
+    int ticksSinceKeyFrame = 0;
+};
