@@ -2,12 +2,15 @@
 // yuv420p, veryfast/zerolatency, 5 Mbit/s, GOP 25, no B-frames), and what the ways of telling
 // it so that libavcodec offers between frames give back. The same converted picture (black, or
 // a page of text) goes to the encoder again and again, as a still screen's ticks hand it over;
-// every variant makes a frame per tick with its own time stamp. Prints per variant the process
-// CPU time per frame and the mean size of a frame that is not a key frame.
+// every variant makes a frame per tick with its own time stamp. The last two have the live
+// stream's VBV (maximum rate the target, one frame's buffer), the last with the writer's
+// repeats (RepeatPicture) on the ticks after each encoded picture. Prints per variant the
+// process CPU time per frame and the mean size of a frame that is not a key frame.
 //
 // Usage: bench_stillencoder [frames]   (default 500)
 
 #include "processcpu.h"
+#include "repeatpicture.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -26,7 +29,7 @@ constexpr int width = 1920;
 constexpr int height = 1080;
 constexpr int fps = 25;
 
-enum class Variant { Plain, ForcedP, RegionOffset, LowerRate };
+enum class Variant { Plain, ForcedP, RegionOffset, LowerRate, StreamVbv, StreamRepeats };
 
 const char* nameOf(Variant variant) {
     switch (variant) {
@@ -38,6 +41,10 @@ const char* nameOf(Variant variant) {
         return "region of interest, QP +25";
     case Variant::LowerRate:
         return "bit rate lowered to 1/10";
+    case Variant::StreamVbv:
+        return "the stream's VBV";
+    case Variant::StreamRepeats:
+        return "the stream's VBV, repeats";
     }
     return "";
 }
@@ -71,6 +78,12 @@ void measure(Variant variant, bool text, int frames) {
     codec->time_base = AVRational{1, fps};
     codec->framerate = AVRational{fps, 1};
     codec->bit_rate = 5000000;
+    // As the live stream has it at a latency of 120 ms: maximum rate the target, a buffer of one
+    // frame's worth.
+    if (variant == Variant::StreamVbv || variant == Variant::StreamRepeats) {
+        codec->rc_max_rate = codec->bit_rate;
+        codec->rc_buffer_size = static_cast<int>(codec->bit_rate / fps);
+    }
     codec->gop_size = fps;
     codec->max_b_frames = 0;
     codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
@@ -93,6 +106,7 @@ void measure(Variant variant, bool text, int frames) {
     double startCpu = 0;
     long long bytes = 0;
     int predicted = 0;
+    RepeatPicture repeat;
     for (int index = 0; index < settle + frames; ++index) {
         if (index == settle) {
             startCpu = processCpuSeconds();
@@ -109,8 +123,17 @@ void measure(Variant variant, bool text, int frames) {
         frame->pts = index;
         frame->pict_type = variant == Variant::ForcedP && index >= settle ? AV_PICTURE_TYPE_P
                                                                           : AV_PICTURE_TYPE_NONE;
+        if (variant == Variant::StreamRepeats && index >= settle && index % fps && repeat.ready()) {
+            bytes += static_cast<long long>(repeat.make().size());
+            ++predicted;
+            continue;
+        }
+        // The encoder no longer sees every tick; the key frames stay one a second of ticks.
+        if (variant == Variant::StreamRepeats && index % fps == 0)
+            frame->pict_type = AV_PICTURE_TYPE_I;
         avcodec_send_frame(codec, frame);
         while (avcodec_receive_packet(codec, packet) == 0) {
+            repeat.observe(packet->data, packet->size);
             if (index >= settle && !(packet->flags & AV_PKT_FLAG_KEY)) {
                 bytes += packet->size;
                 ++predicted;
@@ -138,6 +161,7 @@ int main(int argc, char** argv) {
                 frames, "scene", "variant", "CPU ms", "P bytes");
     for (const bool text : {false, true})
         for (const Variant variant :
-             {Variant::Plain, Variant::ForcedP, Variant::RegionOffset, Variant::LowerRate})
+             {Variant::Plain, Variant::ForcedP, Variant::RegionOffset, Variant::LowerRate,
+              Variant::StreamVbv, Variant::StreamRepeats})
             measure(variant, text, frames);
 }
