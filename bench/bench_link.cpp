@@ -12,9 +12,9 @@
 // itself sent on more than 10 ms late for want of the processor, and the most it was late by;
 // damage from s: where each run of damaged frames began, in seconds after the first frame.
 //
-// Usage: bench_link [seconds] [filter]   (default 60 s measured per run after 3 s of warm-up;
-// the changing link gets at least 37 s; filter: only cases whose name contains it. Needs
-// DISPLAY and ffmpeg.)
+// Usage: bench_link [seconds] [filter [ours]]   (default 60 s measured per run after 3 s of
+// warm-up; the changing link gets at least 37 s; filter: only cases whose name contains it, or
+// one scene; ours: leave ffmpeg out. Needs DISPLAY and ffmpeg.)
 
 #include "capturestreamer.h"
 #include "support/childprocess.h"
@@ -124,7 +124,7 @@ int childMain(int argc, char** argv) {
     return application.exec();
 }
 
-void run(int seconds, const QString& filter) {
+void run(int seconds, const QString& filter, bool oursOnly) {
     const std::vector<LinkCase> cases = {
         {"8 Mbit/s, 20 ms, 0.5 % loss", {8000, 20, 0.5, {}}, false},
         {"4 Mbit/s, 20 ms, 0.5 % loss", {4000, 20, 0.5, {}}, false},
@@ -166,6 +166,8 @@ void run(int seconds, const QString& filter) {
             for (Sender* sender : {static_cast<Sender*>(&ours), static_cast<Sender*>(&ffmpeg)}) {
                 NetRelay relay;
                 const bool isOurs = sender == &ours;
+                if (!isOurs && oursOnly)
+                    continue;
                 // Off the air, the frame is painted over the area it frames: only our own
                 // stream may have it shown.
                 capture.setVisible(isOurs);
@@ -199,6 +201,7 @@ int main(int argc, char** argv) {
     QApplication application(argc, argv);
     quietBenchApplication(application);
     const int seconds = argc > 1 ? std::max(5, std::atoi(argv[1])) : 60;
-    run(seconds, argc > 2 ? QString(argv[2]) : QString());
+    run(seconds, argc > 2 ? QString(argv[2]) : QString(),
+        argc > 3 && QByteArray(argv[3]) == "ours");
     std::_Exit(0); // lingering tick threads hold the streamer: leave without tearing down
 }

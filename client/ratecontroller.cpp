@@ -34,6 +34,17 @@ constexpr int64_t calmAfterDecreaseMs = 2000;
 constexpr double climbPerSecond = 0.15;
 constexpr double firstClimbPerSecond = 0.3;
 constexpr double climbStepKbpsPerSecond = 100;
+// Climbing back towards the target it last fell from, the last tenth below it goes at this
+// share per second only (at least the fixed step): the link broke there, and a probe that
+// creeps into it builds a queue of a few milliseconds before the round trip shows it, where
+// one at the full climb piled up tens, long enough for a resend to reach a 4 Mbit/s link's
+// receiver too late (bench_link, moving scene: one such event a minute). Past that target the
+// link has shown more room; a tenth past it, the link is taken to have changed (8 back from
+// 1.5 Mbit/s) and is probed as at the start, which brings the target back to the ceiling
+// within 10 s where the usual pace took 13.
+constexpr double nearEdgeShare = 0.9;
+constexpr double nearEdgeClimbPerSecond = 0.03;
+constexpr double pastEdgeShare = 1.1;
 // The encoder uses less than this share of its target: the link has not been tried.
 constexpr double appLimitedShare = 0.5;
 // A stream starts at this share of the ceiling and climbs while the link allows: 1.5 Mbit/s
@@ -99,6 +110,8 @@ int32_t RateController::update(const Sample& sample) {
         if (decreasedAtMs < 0 ||
             sample.nowMs - decreasedAtMs >= (severe ? severeHoldMs : holdAfterDecreaseMs)) {
             const double factor = severe ? severeDecreaseFactor : decreaseFactor;
+            edge = total;
+            exploring = false;
             total = std::max(least, static_cast<int32_t>(total * factor));
             decreasedAtMs = sample.nowMs;
         }
@@ -108,7 +121,11 @@ int32_t RateController::update(const Sample& sample) {
     const bool used = sample.fedKbps >= appLimitedShare * total;
     if (calm && used && queueMs < emptyQueueMs && elapsedMs > 0) {
         const double seconds = static_cast<double>(elapsedMs) / 1000;
-        const double share = decreasedAtMs < 0 ? firstClimbPerSecond : climbPerSecond;
+        exploring = exploring || total > pastEdgeShare * edge;
+        const bool nearEdge = total >= nearEdgeShare * edge && total < edge;
+        const double share = exploring  ? firstClimbPerSecond
+                             : nearEdge ? nearEdgeClimbPerSecond
+                                        : climbPerSecond;
         const double step = std::max(climbStepKbpsPerSecond, share * total) * seconds;
         total = std::min(ceiling, total + static_cast<int32_t>(step));
     }

@@ -50,4 +50,6 @@ private:
     int64_t windowStartMs = -1;
     int64_t lastMs = -1;
     int64_t decreasedAtMs = -1;
+    int32_t edge = 0;      // the target the last step down started from
+    bool exploring = true; // no edge known, or left far behind: the first climb's pace
 };

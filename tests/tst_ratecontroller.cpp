@@ -26,6 +26,10 @@ private slots:
         QTest::newRow("sound's share comes off the video") << 128 << "40x40" << 5000 << 5000;
         QTest::newRow("after a fall, a calm link climbs back")
             << 0 << "4x40 1x40d3 48x40" << 5000 << 5000;
+        QTest::newRow("near where it fell, the climb creeps")
+            << 0 << "4x40 2x120 20x40" << 1900 << 1990;
+        QTest::newRow("well past it, the link is probed as at the start")
+            << 0 << "4x40 2x120 32x40" << 4100 << 4500;
         QTest::newRow("a longer route is learnt") << 0 << "4x40 1x120 140x80" << 5000 << 5000;
     }
 
