@@ -175,7 +175,6 @@ bool OUTWriter::initEncoder(int newWidth, int newHeight) {
         return false;
     if (!encoder.followsLink())
         link.configure(ceilingKbps(), audioBitrateKbps(), false);
-    encodedKbps = encoder.followsLink() ? link.videoTargetKbps() : 0;
     return true;
 }
 
@@ -191,11 +190,10 @@ int OUTWriter::latencyMs() const {
 
 void OUTWriter::followLinkTarget() {
     const int32_t target = connection.linkStats().videoTargetKbps();
-    if (encodedKbps == 0 || target == encodedKbps)
+    if (!encoder.followsLink() || target == encoder.targetKbps())
         return;
     // Read by libavcodec as the next frame is sent: no new key frame, no new stream.
     encoder.setTarget(target, latencyMs());
-    encodedKbps = target;
 }
 
 bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter) {
@@ -315,7 +313,6 @@ void OUTWriter::releaseAll() {
         av_freep(&ioBuffer);
     }
     stream = nullptr;
-    encodedKbps = 0;
     initialised = false;
     pictureHeld = false;
     width = height = 0;

@@ -93,7 +93,6 @@ private:
     int64_t frameIndex = 0;
     int64_t lastPts = -1;
     bool pictureHeld = false;
-    int32_t encodedKbps = 0; // the target the encoder works to; 0: it cannot change
     AVFormatContext* output = nullptr;
     AVIOContext* io = nullptr;
     uint8_t* ioBuffer = nullptr;

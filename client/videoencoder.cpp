@@ -128,6 +128,7 @@ bool VideoEncoder::open(int width, int height, bool globalHeader, int32_t linkTa
 }
 
 void VideoEncoder::setTarget(int32_t kbps, int latencyMs) {
+    target = kbps;
     const int fps = codec->framerate.num > 0 ? codec->framerate.num : defaultFps;
     const int bufferMs =
         std::clamp(static_cast<int>(latencyMs * vbvLatencyShare), 1000 / fps, maxVbvMs);
@@ -212,5 +213,6 @@ void VideoEncoder::release() {
     avcodec_free_context(&codec);
     repeat.reset();
     adjustable = false;
+    target = 0;
     ticksSinceKeyFrame = 0;
 }

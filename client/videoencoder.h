@@ -43,6 +43,7 @@ public:
     // The bitrate to work to, with a buffer sized from the receiver's latency; read by the
     // encoder as the next picture is sent.
     void setTarget(int32_t kbps, int latencyMs);
+    int32_t targetKbps() const { return target; }
     AVCodecContext* context() const { return codec; }
     // The picture to convert into; writable until it is sent.
     AVFrame* picture() { return frame; }
@@ -67,5 +68,6 @@ private:
     AVPacket* repeatPacket = nullptr; // points into `repeat`'s bytes, owns no buffer
     RepeatPicture repeat;
     bool adjustable = false;
+    int32_t target = 0;
     int ticksSinceKeyFrame = 0;
 };

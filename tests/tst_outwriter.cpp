@@ -37,6 +37,16 @@ bool writeFrames(OUTWriter& writer, int count, int fps, QSize size, int stride, 
     return true;
 }
 
+// The listener started on a free loopback port, and the writer's settings that point at it;
+// no address when it does not start.
+StreamParams listening(SrtListener& listener) {
+    const uint16_t port = freeLoopbackPort(true);
+    StreamParams params;
+    if (listener.start(port))
+        params.hostPort = "127.0.0.1:" + std::to_string(port);
+    return params;
+}
+
 // How much of 48 kHz sound is one frequency (Goertzel): near 1 for a pure tone of it.
 double toneShare(const QByteArray& pcm, int from, int to, double hz) {
     const auto* samples = reinterpret_cast<const int16_t*>(pcm.constData());
@@ -82,10 +92,8 @@ private slots:
         }
         MessageCapture capture;
         SrtListener listener;
-        const uint16_t port = freeLoopbackPort(true);
-        QVERIFY(listener.start(port));
-        StreamParams params;
-        params.hostPort = "127.0.0.1:" + std::to_string(port);
+        StreamParams params = listening(listener);
+        QVERIFY(!params.hostPort.empty());
         params.videoBitrateKbps = 800;
         OUTWriter writer;
         QVERIFY(!writeFrames(writer, 1, fps, size, stride)); // not started
@@ -167,10 +175,8 @@ private slots:
     // change reaches the very next picture.
     void repeatsAStillPicture() {
         SrtListener listener;
-        const uint16_t port = freeLoopbackPort(true);
-        QVERIFY(listener.start(port));
-        StreamParams params;
-        params.hostPort = "127.0.0.1:" + std::to_string(port);
+        StreamParams params = listening(listener);
+        QVERIFY(!params.hostPort.empty());
         OUTWriter writer;
         QVERIFY(writer.start(params));
         QImage pictures[2] = {QImage(640, 360, QImage::Format_RGB32),
@@ -231,10 +237,8 @@ private slots:
         state.streamConfig.audio = "output";
         MessageCapture capture;
         SrtListener listener;
-        const uint16_t port = freeLoopbackPort(true);
-        QVERIFY(listener.start(port));
-        StreamParams params;
-        params.hostPort = "127.0.0.1:" + std::to_string(port);
+        StreamParams params = listening(listener);
+        QVERIFY(!params.hostPort.empty());
         OUTWriter writer;
         QVERIFY(writer.start(params));
         const QSize size(320, 240);
