@@ -2,24 +2,9 @@
 
 #include "logfile.h"
 #include "platform/crashstack.h"
+#include "platform/tickwait.h"
 
 #include <chrono>
-#include <thread>
-
-namespace {
-
-int64_t millisecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 start)
-        .count();
-}
-
-void sleepMilliseconds(int64_t milliseconds) {
-    if (milliseconds > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
-} // namespace
 
 void tickWorkerThread(TickState* state, ITickHandler* handler) {
     platform::prepareThreadForCrashes();
@@ -45,21 +30,19 @@ void tickGeneratorThread(TickFlags* flags, TickState* state, int32_t periodMs) {
     const auto start = std::chrono::steady_clock::now();
     int64_t next = 0;
     while (!flags->stopFlag) {
-        int64_t remaining = next - millisecondsSince(start);
-        if (remaining < 1) {
-            {
-                std::lock_guard<std::mutex> lock(state->mutex);
-                state->tickPending = true;
-                state->due.dueMs = next;
-            }
-            state->tickRaised.notify_one();
-            next += periodMs;
-            remaining = next - millisecondsSince(start);
-            if (remaining < 1)
-                continue; // behind schedule: raise the next tick at once
+        const auto due = start + std::chrono::milliseconds(next);
+        if (std::chrono::steady_clock::now() < due) {
+            platform::waitUntil(due);
+            continue;
         }
-        // Waking a millisecond early and spinning through the last one keeps the beat exact.
-        sleepMilliseconds(remaining - 1);
+        {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            state->tickPending = true;
+            state->due.dueMs = next;
+        }
+        state->tickRaised.notify_one();
+        // Behind schedule, the next tick is raised at once.
+        next += periodMs;
     }
     flags->runningFlag = false;
     // Set before the mutex is taken: the worker may hold it through a tick that ends only once
