@@ -98,6 +98,8 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
     // A damaged frame spoils every frame after it until the next key frame.
     bool spoilt = false;
     long long bytes = 0;
+    long long missedByPts = 0;
+    bool ptsKnown = true;
     for (const Arrival& arrival : arrivals) {
         if (arrival.kind == 'E' && !spoilt)
             result.damageStartsS.push_back(
@@ -112,6 +114,15 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
             continue;
         bytes += arrival.bytes;
         ++result.frames;
+        // A frame's time stamp is its tick: a gap of more than one period is a tick that brought
+        // no frame, whatever the arrivals' jitter at the window's edges.
+        if (last && last->ptsUs >= 0 && arrival.ptsUs >= 0)
+            missedByPts +=
+                std::max(0LL, std::llround(static_cast<double>(arrival.ptsUs - last->ptsUs) *
+                                           ticksPerSecond / 1e6) -
+                                  1);
+        else if (last)
+            ptsKnown = false;
         if (!first)
             first = &arrival;
         last = &arrival;
@@ -123,7 +134,9 @@ void summarise(Measurement& result, const std::vector<Arrival>& arrivals, long l
     result.seconds = static_cast<double>(toUs - fromUs) / 1e6;
     result.receivedKbps = static_cast<double>(bytes) * 8 / 1000 / result.seconds;
     result.missed =
-        std::max(0, static_cast<int>(std::lround(result.seconds * ticksPerSecond)) - result.frames);
+        ptsKnown ? static_cast<int>(missedByPts)
+                 : std::max(0, static_cast<int>(std::lround(result.seconds * ticksPerSecond)) -
+                                   result.frames);
     if (first && last != first && last->ptsUs >= 0 && first->ptsUs >= 0)
         result.clockPerWall = static_cast<double>(last->ptsUs - first->ptsUs) /
                               static_cast<double>(last->arrivalUs - first->arrivalUs);

@@ -14,7 +14,8 @@ struct Measurement {
     std::string error;
     double seconds = 0; // the measured window, after the warm-up
     int frames = 0;     // frames the listener received in it
-    int missed = 0;     // ticks of 25 a second that fell due in it without a frame
+    int missed = 0;     // ticks of 25 a second in it that brought no frame: gaps in the time
+                        // stamps, or where those are unknown, frames short of the window's ticks
     double cpuMsPerFrame = 0;
     double residentMb[3] = {0, 0, 0}; // at the window's start, middle and end
     double peakMb = 0;
