@@ -107,7 +107,7 @@ bool OUTWriter::writePicture(const uint8_t* data, AVPixelFormat format, int pict
     pictureHeld = false;
     if (pts <= lastPts)
         return true;
-    pictureHeld = audio.writePackets(output, dueMs) &&
+    pictureHeld = fillSkippedTick(pts) && audio.writePackets(output, dueMs) &&
                   prepareScaler(format, pictureWidth, pictureHeight, SWS_BILINEAR) &&
                   encodeFrame(data, stride, pts);
     if (pictureHeld)
@@ -124,7 +124,7 @@ bool OUTWriter::repeatPicture(int64_t dueMs) {
     const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, encoder.context()->time_base);
     if (pts <= lastPts)
         return true;
-    if (audio.writePackets(output, dueMs) && sendFrame(pts, true))
+    if (fillSkippedTick(pts) && audio.writePackets(output, dueMs) && sendFrame(pts, true))
         return true;
     if (error.empty())
         error = "No connection to server";
@@ -267,6 +267,18 @@ bool OUTWriter::sendFrame(int64_t pts, bool again) {
     // instead of waiting for the buffer to fill, which viewers would see as delay.
     avio_flush(io);
     return true;
+}
+
+bool OUTWriter::fillSkippedTick(int64_t pts) {
+    // A tick the worker was too busy to take (the generator raises the next one at once when
+    // it falls behind): the picture before it stands for it, at its own time stamp, where that
+    // costs only a repeat's few bytes. The stream then keeps every tick of its rate.
+    if (pts <= lastPts + 1 || lastPts < 0 || !encoder.repeatsNext())
+        return true;
+    const int64_t skipped = lastPts + 1;
+    return audio.writePackets(
+               output, av_rescale_q(skipped, encoder.context()->time_base, AVRational{1, 1000})) &&
+           sendFrame(skipped, true);
 }
 
 bool OUTWriter::writeVideoPacket(AVPacket* videoPacket) {

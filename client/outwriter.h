@@ -75,6 +75,7 @@ private:
     bool encodeFrame(const uint8_t* data, int stride, int64_t pts);
     // again: the picture the encoder was last given, shown once more.
     bool sendFrame(int64_t pts, bool again);
+    bool fillSkippedTick(int64_t pts);
     bool writeVideoPacket(AVPacket* videoPacket);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61

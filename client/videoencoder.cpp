@@ -178,6 +178,10 @@ bool VideoEncoder::encodeAgain(int64_t pts, bool keyFrame) {
     return sink(repeatPacket);
 }
 
+bool VideoEncoder::repeatsNext() const {
+    return repeat.ready() && ticksSinceKeyFrame + 1 < codec->gop_size;
+}
+
 bool VideoEncoder::flush() {
     const int flushed = avcodec_send_frame(codec, nullptr);
     if (flushed < 0 && flushed != AVERROR_EOF) {

@@ -54,6 +54,8 @@ public:
     bool encode(int64_t pts, bool keyFrame);
     // The picture last encoded, again: a repeat where the stream allows one, else encoded.
     bool encodeAgain(int64_t pts, bool keyFrame);
+    // True when the next tick may be a repeat: the stream allows one and no key frame is due.
+    bool repeatsNext() const;
     // Hands over what the encoder still holds.
     bool flush();
     void release();
