@@ -89,6 +89,7 @@ bool VideoEncoder::open(int width, int height, bool globalHeader, int32_t linkTa
     setTarget(adjustable ? linkTargetKbps : ceilingKbps, latencyMs);
     codec->gop_size = fps;
     codec->max_b_frames = 0;
+    codec->max_qdiff = maxQuantiserStep;
     codec->flags |= AV_CODEC_FLAG_LOW_DELAY;
     // What the scaler's matrix and range are: players that honour the tags show true colours.
     codec->color_primaries = AVCOL_PRI_BT709;
