@@ -36,11 +36,11 @@ public:
     // How far the quantiser may move from one picture to the next, and along the rows of one
     // (libx264's qpstep, 4 by default). Under a buffer of one frame the step of 4 held the
     // quantiser high for frames after every key frame and made libx264 encode rows again where a
-    // picture outgrew its plan; with 30, the same 250 frames of the moving scene (1920x1080, 5
-    // Mbit/s, the stream's VBV, FFmpeg's libx264 from a raw file) took 7.11 s of CPU instead
-    // of 7.84, with 2 % more of the target used and a mean PSNR of 48.9 dB instead of 40.4; a page
-    // of text turned every 4 s, 5.78 s instead of 6.15 at the same quality. 16 gave most of it
-    // (7.17 s).
+    // picture outgrew its plan. With 30, the same 250 frames of the moving scene at 1920x1080
+    // and 5 Mbit/s under the stream's VBV (FFmpeg's libx264, from a raw file) took 7.11 s of CPU
+    // instead of 7.84, used 2 % more of the target, and rose in mean PSNR from 40.4 to 48.9 dB;
+    // a page of text turned every 4 s took 5.78 s instead of 6.15 at the same quality. A step
+    // of 16 gave most of it (7.17 s).
     static constexpr int maxQuantiserStep = 30;
 
     // False, with the reason in the log, where no encoder opens. globalHeader: the container
