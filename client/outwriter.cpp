@@ -124,7 +124,7 @@ bool OUTWriter::repeatPicture(int64_t dueMs) {
     const int64_t pts = av_rescale_q(dueMs, AVRational{1, 1000}, encoder.context()->time_base);
     if (pts <= lastPts)
         return true;
-    if (fillSkippedTick(pts) && audio.writePackets(output, dueMs) && sendFrame(pts, true))
+    if (fillSkippedTick(pts) && showAgain(pts, dueMs))
         return true;
     if (error.empty())
         error = "No connection to server";
@@ -276,9 +276,12 @@ bool OUTWriter::fillSkippedTick(int64_t pts) {
     if (pts <= lastPts + 1 || lastPts < 0 || !encoder.repeatsNext())
         return true;
     const int64_t skipped = lastPts + 1;
-    return audio.writePackets(
-               output, av_rescale_q(skipped, encoder.context()->time_base, AVRational{1, 1000})) &&
-           sendFrame(skipped, true);
+    return showAgain(skipped,
+                     av_rescale_q(skipped, encoder.context()->time_base, AVRational{1, 1000}));
+}
+
+bool OUTWriter::showAgain(int64_t pts, int64_t dueMs) {
+    return audio.writePackets(output, dueMs) && sendFrame(pts, true);
 }
 
 bool OUTWriter::writeVideoPacket(AVPacket* videoPacket) {

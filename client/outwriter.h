@@ -76,6 +76,8 @@ private:
     // again: the picture the encoder was last given, shown once more.
     bool sendFrame(int64_t pts, bool again);
     bool fillSkippedTick(int64_t pts);
+    // The picture the encoder was last given, at pts, after the sound due up to dueMs.
+    bool showAgain(int64_t pts, int64_t dueMs);
     bool writeVideoPacket(AVPacket* videoPacket);
     void releaseAll();
 #if LIBAVFORMAT_VERSION_MAJOR >= 61

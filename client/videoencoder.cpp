@@ -151,8 +151,9 @@ bool VideoEncoder::makePictureWritable() {
 bool VideoEncoder::keyFrameDue(bool resumed) {
     // The encoder counts only the pictures it makes, and repeats are not among them, so the key
     // frame period is kept here, in ticks.
+    const bool due = resumed || keyFrameNext();
     ++ticksSinceKeyFrame;
-    return resumed || ticksSinceKeyFrame >= codec->gop_size;
+    return due;
 }
 
 bool VideoEncoder::encode(int64_t pts, bool keyFrame) {
@@ -180,7 +181,11 @@ bool VideoEncoder::encodeAgain(int64_t pts, bool keyFrame) {
 }
 
 bool VideoEncoder::repeatsNext() const {
-    return repeat.ready() && ticksSinceKeyFrame + 1 < codec->gop_size;
+    return repeat.ready() && !keyFrameNext();
+}
+
+bool VideoEncoder::keyFrameNext() const {
+    return ticksSinceKeyFrame + 1 >= codec->gop_size;
 }
 
 bool VideoEncoder::flush() {

@@ -72,6 +72,8 @@ public:
 
 private:
     bool drain();
+    // One second's worth of ticks since the last key frame, counting the next.
+    bool keyFrameNext() const;
 
     Sink sink;
     AVCodecContext* codec = nullptr;
