@@ -224,8 +224,10 @@ qint64 runUntil(const std::function<bool()>& done, int timeoutMs) {
 }
 
 void quietBenchApplication(QApplication& application) {
+    // BENCH_LOG=1 shows the program's own log lines as well.
+    static const bool showLog = qEnvironmentVariableIsSet("BENCH_LOG");
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-        if (type != QtDebugMsg && type != QtInfoMsg)
+        if (showLog || (type != QtDebugMsg && type != QtInfoMsg))
             std::fprintf(stderr, "%s\n", qPrintable(text));
     });
     av_log_set_level(AV_LOG_ERROR);
