@@ -52,6 +52,7 @@ void LinkStats::connected() {
         reconnects = 0;
         lineAt = sampleAt = reportedAt = now;
         reportedKbps = videoTargetKbps();
+        reportedBurstKbps = 0;
     } else if (linkDown) {
         ++reconnects;
         logLine("SRT link back after ", seconds(now - downSince));
@@ -93,6 +94,7 @@ void LinkStats::sample(int64_t now) {
     reading.lost = sinceSample.lost;
     reading.dropped = sinceSample.dropped + refusedChunks;
     reading.bufferedMs = bufferedMs;
+    reading.estimateKbps = estimateKbps;
     reading.fedKbps =
         static_cast<int32_t>(fedBytes * 8 * 1000000 / std::max<int64_t>(1, now - sampleAt));
     const int32_t target = fixedKbps > 0 ? fixedKbps : controller.update(reading);
@@ -102,6 +104,13 @@ void LinkStats::sample(int64_t now) {
     fedBytes = refusedChunks = 0;
     sampleAt = now;
     reportTarget(target, now);
+    if (burstKbps() != reportedBurstKbps) {
+        reportedBurstKbps = burstKbps();
+        if (reportedBurstKbps > 0)
+            logLine("SRT link: ample, bursts paced at ", reportedBurstKbps, " kbit/s");
+        else
+            logLine("SRT link: paced at the target again");
+    }
 
     Counts window;
     for (const Counts& counts : recent) {
@@ -167,6 +176,7 @@ void LinkStats::take(SRTSOCKET socket) {
     if (stats.msRTT > 0)
         rttMs = stats.msRTT;
     bufferedMs = stats.msSndBuf;
+    estimateKbps = static_cast<int32_t>(stats.mbpsBandwidth * 1000);
     for (Counts* counts : {&interval, &totals, &sinceSample}) {
         counts->sent += stats.pktSent;
         counts->lost += stats.pktSndLoss;

@@ -4,6 +4,7 @@
 
 #include <srt/srt.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -54,6 +55,12 @@ public:
     int32_t linkTargetKbps() const {
         return fixedKbps > 0 ? fixedKbps + controller.otherKbps() : controller.linkKbps();
     }
+    // The rate libsrt may send bursts at (0: it paces at the link target), and the room that
+    // leaves beyond the target.
+    int32_t burstKbps() const { return fixedKbps > 0 ? 0 : controller.burstKbps(); }
+    int32_t roomKbps() const {
+        return burstKbps() > 0 ? std::max(0, burstKbps() - linkTargetKbps()) : 0;
+    }
 
 private:
     struct Counts {
@@ -74,6 +81,7 @@ private:
     int64_t refusedChunks = 0;
     double rttMs = 0;
     int32_t bufferedMs = 0;
+    int32_t estimateKbps = 0;
     int64_t lineAt = 0; // steady-clock nanoseconds of the last periodic line or the start
     int64_t sampleAt = 0;
     int64_t downSince = 0;
@@ -83,6 +91,7 @@ private:
     std::atomic<bool> linkDown{false};
     RateController controller{5000, 0};
     int32_t reportedKbps = 0;
+    int32_t reportedBurstKbps = 0;
     int64_t reportedAt = 0;
     // The readings of the last few seconds, for the presenter's view of losses.
     std::array<Counts, 16> recent{};

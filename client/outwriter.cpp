@@ -190,10 +190,11 @@ int OUTWriter::latencyMs() const {
 
 void OUTWriter::followLinkTarget() {
     const int32_t target = connection.linkStats().videoTargetKbps();
-    if (!encoder.followsLink() || target == encoder.targetKbps())
+    const int32_t room = connection.linkStats().roomKbps();
+    if (!encoder.followsLink() || (target == encoder.targetKbps() && room == encoder.roomKbps()))
         return;
     // Read by libavcodec as the next frame is sent: no new key frame, no new stream.
-    encoder.setTarget(target, latencyMs());
+    encoder.setTarget(target, latencyMs(), room);
 }
 
 bool OUTWriter::prepareScaler(AVPixelFormat format, int sourceWidth, int sourceHeight, int filter) {

@@ -11,6 +11,11 @@
 // send buffer that does not drain; it climbs back in small steps, only while the link shows no
 // queue and the encoder uses what it has (a still picture proves nothing about the link). It stays
 // between a floor and the configured ceiling. Bitrates are kbit/s.
+//
+// Where libsrt's estimate of the link's capacity shows it many times wider than the ceiling,
+// and the link has never pushed back, the sender may burst: the encoder gets a buffer of many
+// frames, which libx264 fills far better than one, libsrt paces at a multiple of the ceiling,
+// which such a link drains within the latency, and the target is the ceiling at once.
 class RateController {
 public:
     struct Sample {
@@ -22,6 +27,7 @@ public:
         int64_t dropped = 0;       // too late to send, or no room in the send buffer
         int32_t bufferedMs = 0;    // the send buffer's span of unacknowledged packets
         int32_t fedKbps = 0;       // what the writer handed to the connection, all streams
+        int32_t estimateKbps = 0;  // libsrt's estimate of the link's capacity; 0: none yet
     };
 
     // otherKbps: the share of the link that other streams (sound) take from the same target.
@@ -35,12 +41,17 @@ public:
     // What the sender puts on the link: video and the other streams.
     int32_t linkKbps() const { return total; }
     int32_t otherKbps() const { return other; }
+    // The rate the sender may burst to, all streams; 0 while it keeps to the target.
+    int32_t burstKbps() const { return bursting ? roomyPacing * ceiling : 0; }
 
     static constexpr int32_t floorKbps = 300;
 
 private:
     bool congested(const Sample& sample, double queueMs) const;
     void forgetOldRtt(int64_t nowMs);
+    void judgeRoom(const Sample& sample);
+
+    static constexpr int32_t roomyPacing = 6;
 
     int32_t ceiling;
     int32_t other;
@@ -50,6 +61,8 @@ private:
     int64_t windowStartMs = -1;
     int64_t lastMs = -1;
     int64_t decreasedAtMs = -1;
-    int32_t edge = 0;      // the target the last step down started from
-    bool exploring = true; // no edge known, or left far behind: the first climb's pace
+    int32_t edge = 0;          // the target the last step down started from
+    bool exploring = true;     // no edge known, or left far behind: the first climb's pace
+    int64_t roomySinceMs = -1; // the estimate has stayed wide since; -1: it has not
+    bool bursting = false;
 };

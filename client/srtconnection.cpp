@@ -352,7 +352,8 @@ bool SrtConnection::send(const uint8_t* data, std::size_t size, std::string& err
         } else {
             stats.sent(socket, size);
             std::string failure;
-            if (stats.linkTargetKbps() != pacedKbps && !pace(socket, failure))
+            if ((stats.linkTargetKbps() != pacedKbps || stats.burstKbps() != pacedBurstKbps) &&
+                !pace(socket, failure))
                 logLine("SrtConnection ", failure);
         }
         return true;
@@ -391,11 +392,15 @@ void SrtConnection::closeAndScheduleReconnect() {
 
 bool SrtConnection::pace(SRTSOCKET target, std::string& errorText) {
     pacedKbps = stats.linkTargetKbps();
-    const int64_t noCeiling = 0;
+    pacedBurstKbps = stats.burstKbps();
+    // A link with room to burst into is paced at the burst rate outright; libsrt then leaves the
+    // input rate and headroom aside.
+    const int64_t ceiling =
+        static_cast<int64_t>(static_cast<int64_t>(pacedBurstKbps) * 1000 / 8 * transportOverhead);
     const int64_t fedBytesPerSecond =
         static_cast<int64_t>(pacedKbps * 1000 / 8 * transportOverhead);
     const int headroom = retransmitHeadroomPercent;
-    return setOption(target, SRTO_MAXBW, "SRTO_MAXBW", &noCeiling, sizeof noCeiling, errorText) &&
+    return setOption(target, SRTO_MAXBW, "SRTO_MAXBW", &ceiling, sizeof ceiling, errorText) &&
            setOption(target, SRTO_INPUTBW, "SRTO_INPUTBW", &fedBytesPerSecond,
                      sizeof fedBytesPerSecond, errorText) &&
            setOption(target, SRTO_OHEADBW, "SRTO_OHEADBW", &headroom, sizeof headroom, errorText);

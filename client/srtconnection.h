@@ -70,13 +70,15 @@ private:
     // Why the connect on `failed` did not succeed, in words a presenter can act on.
     std::string connectFailure(SRTSOCKET failed) const;
     // libsrt paces the socket from the rate the writer feeds it, not from its own estimate of
-    // the input rate, which a still picture drags far below what the next change needs.
+    // the input rate, which a still picture drags far below what the next change needs, or at
+    // the burst rate where the link has room for it.
     bool pace(SRTSOCKET target, std::string& errorText);
     bool setOption(SRTSOCKET target, SRT_SOCKOPT option, const char* name, const void* value,
                    int length, std::string& errorText);
 
     StreamParams settings;
     int32_t pacedKbps = 0;
+    int32_t pacedBurstKbps = 0;
     int32_t agreedLatencyMs = 0;
     int32_t attempts = 0; // reconnects that failed since the connection was last up
     int64_t retryAt = 0;  // steady-clock nanoseconds; 0 when no reconnect is scheduled

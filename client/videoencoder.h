@@ -50,10 +50,12 @@ public:
               int latencyMs);
     // Only libx264, through FFmpeg's wrapper, takes a new bitrate while it runs.
     bool followsLink() const { return adjustable; }
-    // The bitrate to work to, with a buffer sized from the receiver's latency; read by the
-    // encoder as the next picture is sent.
-    void setTarget(int32_t kbps, int latencyMs);
+    // The bitrate to work to, with a buffer sized from the receiver's latency and the room the
+    // link has beyond the sender's target (0: none); read by the encoder as the next picture is
+    // sent.
+    void setTarget(int32_t kbps, int latencyMs, int32_t roomKbps);
     int32_t targetKbps() const { return target; }
+    int32_t roomKbps() const { return room; }
     AVCodecContext* context() const { return codec; }
     // The picture to convert into; writable until it is sent.
     AVFrame* picture() { return frame; }
@@ -83,5 +85,6 @@ private:
     RepeatPicture repeat;
     bool adjustable = false;
     int32_t target = 0;
+    int32_t room = 0;
     int ticksSinceKeyFrame = 0;
 };
