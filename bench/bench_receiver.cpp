@@ -11,7 +11,8 @@
 // ARRIVAL_US on CLOCK_MONOTONIC; PTS_US the stream's time stamp; LATENCY_MS the clock read
 // from the picture subtracted from now, "-" in count mode or where the clock is unreadable;
 // KIND "K" for a key frame, "P" for another, "E" for a frame that arrived damaged (the
-// demuxer found transport packets missing before it, or the decoder reported an error in it);
+// demuxer found transport packets missing before it, the connection's libsrt gave up packets
+// since the frame before, or the decoder reported an error in it);
 // BYTES the size of the frame's packet(s) since the line before. Ends, printing
 // "srt received=N lost=N dropped=N" (the connection's own counts) and "end", when the caller
 // goes away.
@@ -197,6 +198,7 @@ int main(int argc, char** argv) {
     bool encoderReported = false;
     FrameState state;
     SRT_TRACEBSTATS received{};
+    int droppedBefore = 0;
     while (av_read_frame(format, packet) >= 0) {
         const AVStream* stream = format->streams[packet->stream_index];
         if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
@@ -204,6 +206,10 @@ int main(int argc, char** argv) {
             continue;
         }
         srt_bstats(input.socket, &received, 0);
+        // A frame lost whole can leave no trace in the demuxer: its continuity counter repeats
+        // every 16 transport packets, and an SRT packet carries 7 of them.
+        state.damaged = state.damaged || received.pktRcvDropTotal > droppedBefore;
+        droppedBefore = received.pktRcvDropTotal;
         reportEncoder(packet, encoderReported);
         state.bytes += packet->size;
         state.damaged = state.damaged || (packet->flags & AV_PKT_FLAG_CORRUPT);
